@@ -41,7 +41,7 @@ fuzz: bootstrap
 	    name=$${t#fuzz_}; work=$(FUZZ_BUILD)/corpus/$$name; mkdir -p $$work; \
 	    if [ -d tests/fuzz/corpus/$$name ]; then cp -r tests/fuzz/corpus/$$name/. $$work/; fi; \
 	    echo "fuzz: $$t for $(FUZZ_SECONDS)s"; \
-	    $(FUZZ_BUILD)/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $$work; \
+	    $(FUZZ_BUILD)/tests/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $$work; \
 	done
 
 demo: build
