@@ -103,7 +103,8 @@ std::vector<std::pair<Place, long>> by_place(Registry& r) {
     }
     std::vector<std::pair<Place, long>> out;
     out.reserve(sums.size());
-    for (const auto& [where, sum] : sums) out.push_back({Place{where.first, where.second, sum.second}, sum.first});
+    for (const auto& [where, sum] : sums)
+        out.push_back({Place{where.first, where.second, sum.second}, sum.first});
     std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) {
         if (a.first.size != b.first.size) return a.first.size > b.first.size;
         const int c = strcmp(a.first.file, b.first.file);
