@@ -123,7 +123,15 @@ int load_keys(SSL_CTX* ctx, const SSLTCP_SSLConfig* config, std::string& reason)
     }
     if (config->key_password_cb) SSL_CTX_set_default_passwd_cb(ctx, config->key_password_cb);
     if (SSL_CTX_use_PrivateKey_file(ctx, key, SSL_FILETYPE_PEM) != 1) {
-        reason = strfmt("Load Privatekey File (%s)(%s)", key, ssl_err_text().c_str());
+        // The library compares the key with the certificate while loading it; a key that does
+        // not fit is the same fault as the later check finds.
+        unsigned long e = ERR_peek_last_error();
+        bool mismatch = ERR_GET_LIB(e) == ERR_LIB_X509 &&
+                        (ERR_GET_REASON(e) == X509_R_KEY_VALUES_MISMATCH || ERR_GET_REASON(e) == X509_R_KEY_TYPE_MISMATCH);
+        if (mismatch)
+            reason = strfmt("Private Key and Certificate, invalid combination (%s)", ssl_err_text().c_str());
+        else
+            reason = strfmt("Load Privatekey File (%s)(%s)", key, ssl_err_text().c_str());
         return 0;
     }
     if (SSL_CTX_check_private_key(ctx) != 1) {
