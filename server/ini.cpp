@@ -87,7 +87,7 @@ INILINK::~INILINK() { ini_free(this); }
 int ini_read(const char* bin_name, const char* config_path) {
   g_bin_name = cut(bin_name, kBinNameMax);
   if (g_loaded.load()) {
-    printf("Aborting ini_read");
+    printf("Aborting ini_read\n");
     fflush(stdout);
     emsg("Aborting ini_read, already loaded.\n");
     return 0;
