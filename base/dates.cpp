@@ -227,14 +227,13 @@ int lib_msec_now() {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - base).count());
 }
 
-time_t lib_gmt_to_local(time_t t) {
+long lib_timezone() {
     tzset();
-    return t - timezone;
+    return timezone;
 }
 
-time_t lib_local_to_gmt(time_t t) {
-    tzset();
-    return t + timezone;
-}
+time_t lib_gmt_to_local(time_t t) { return t - lib_timezone(); }
+
+time_t lib_local_to_gmt(time_t t) { return t + lib_timezone(); }
 
 }  // namespace korv

@@ -59,7 +59,9 @@ int lib_month_find(const char* s);
 char* hms(char* tmp, time_t t);
 // Milliseconds since one day before the first call.
 int lib_msec_now();
-// Shift by the local standard offset: local = gmt - offset west of GMT.
+// Seconds west of GMT of the local standard time (the C `timezone`).
+long lib_timezone();
+// Shift by the local standard offset: local = gmt - lib_timezone().
 time_t lib_gmt_to_local(time_t t);
 time_t lib_local_to_gmt(time_t t);
 

@@ -1,6 +1,8 @@
-// Escaping of form values and display text for the admin pages.
+// Escaping of form values and display text for the admin pages, and the
+// one-line stored form of multi-line texts.
 #include "base/webtext.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 
@@ -161,6 +163,43 @@ std::string lib_web_encode(std::string_view s) {
         else
             out += c;
     }
+    return out;
+}
+
+std::string lib_cr_encode(std::string_view s) {
+    std::string out;
+    for (char c : s) {
+        if (c == '\r') continue;
+        const char* e = c == '\n' ? "\\n" : c == '\\' ? "\\\\" : nullptr;
+        size_t len = e ? 2 : 1;
+        if (out.size() + len > static_cast<size_t>(kCrEncodeMax)) break;
+        if (e)
+            out += e;
+        else
+            out += c;
+    }
+    return out;
+}
+
+std::string lib_cr_decode(std::string_view s) {
+    std::string out;
+    for (size_t i = 0; i < s.size(); i++) {
+        if (s[i] == '\\' && i + 1 < s.size() && (s[i + 1] == 'n' || s[i + 1] == '\\')) {
+            out += s[i + 1] == 'n' ? '\n' : '\\';
+            i++;
+        } else {
+            out += s[i];
+        }
+    }
+    return out;
+}
+
+char* lib_cr_decode(char* out, const char* in, int len) {
+    if (len < 0) return out;
+    std::string text = lib_cr_decode(std::string_view(in));
+    size_t n = std::min(text.size(), static_cast<size_t>(len));
+    std::memcpy(out, text.data(), n);
+    out[n] = 0;
     return out;
 }
 

@@ -1,4 +1,5 @@
-// Escaping of form values and display text for the admin pages.
+// Escaping of form values and display text for the admin pages, and the
+// one-line stored form of multi-line texts such as banners.
 #pragma once
 
 #include <string>
@@ -29,5 +30,15 @@ std::string lib_url_decode(std::string_view s);
 // kUrlDecodeMax buffer; the string form is unbounded.
 char* lib_web_encode(char* bf, const char* s);
 std::string lib_web_encode(std::string_view s);
+
+// Stored form of a multi-line text kept on one settings line: lib_cr_encode
+// drops CR, writes LF as the two bytes backslash and n, doubles each backslash,
+// and stops before an escape that would pass kCrEncodeMax bytes. lib_cr_decode
+// reverses it; a backslash before any other byte stays as it is.
+inline constexpr int kCrEncodeMax = 4000;
+std::string lib_cr_encode(std::string_view s);
+std::string lib_cr_decode(std::string_view s);
+// Buffer form: at most `len` bytes (the last index, as ncpy) into `out`.
+char* lib_cr_decode(char* out, const char* in, int len);
 
 }  // namespace korv

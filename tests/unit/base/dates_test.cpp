@@ -174,6 +174,7 @@ TEST_F(Dates, DurationsAndClockTexts) {
 
 TEST_F(Dates, ZoneShiftsAndMillisecondClock) {
     zone(kEastern);
+    EXPECT_EQ(lib_timezone(), 5 * 3600);
     EXPECT_EQ(lib_gmt_to_local(kWinter), kWinter - 5 * 3600);
     EXPECT_EQ(lib_local_to_gmt(lib_gmt_to_local(kSummer)), kSummer);
 

@@ -76,5 +76,31 @@ TEST(WebText, DisplayEncoding) {
     EXPECT_EQ(lib_web_encode(std::string_view(amps)).size(), 2000u);
 }
 
+// A banner of several lines is kept on one settings line and comes back the
+// same, less its CRs.
+TEST(WebText, StoredMultiLineText) {
+    struct Case {
+        const char* text;
+        const char* stored;
+        const char* back;
+    } cases[] = {
+        {"one\r\ntwo\n", "one\\ntwo\\n", "one\ntwo\n"},
+        {"C:\\new", "C:\\\\new", "C:\\new"},  // a backslash before n is not a line end
+        {"plain", "plain", "plain"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(lib_cr_encode(c.text), c.stored);
+        EXPECT_EQ(lib_cr_decode(c.stored), c.back);
+    }
+    EXPECT_EQ(lib_cr_decode(std::string_view("a\\tb\\")), "a\\tb\\");
+    // The limit never splits an escape.
+    std::string lines(3000, '\n');
+    std::string stored = lib_cr_encode(lines);
+    EXPECT_EQ(stored.size(), static_cast<size_t>(kCrEncodeMax));
+    EXPECT_EQ(lib_cr_decode(stored), std::string(kCrEncodeMax / 2, '\n'));
+    char bf[8];
+    EXPECT_STREQ(lib_cr_decode(bf, "ab\\ncdefgh", 5), "ab\ncd");
+}
+
 }  // namespace
 }  // namespace korv
