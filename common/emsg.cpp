@@ -250,6 +250,7 @@ int emsg_open(const char* logfile) {
     emsg_open_error(logfile);
     s.save_name = logfile != nullptr ? logfile : "";
     s.f.close();
+    if (s.save_name.empty()) return 1;  // back to standard output
     if (!s.f.open_making_dir(s.save_name, "a")) {
         std::perror(s.save_name.c_str());
         return 0;
@@ -262,13 +263,15 @@ int emsg_open_error(const char* logfile) {
     EmsgLock lk;
     LogState& s = st();
     std::string name = logfile != nullptr ? logfile : "";
+    s.ef.close();
+    s.elogfile.clear();
+    if (name.empty()) return 1;
     size_t at = name.rfind(".log");
     if (at != std::string::npos) {
         name.replace(at, 4, ".err");
     } else {
         name += ".err";
     }
-    s.ef.close();
     s.elogfile = name;
     s.efsize = file_size(name);
     return 1;

@@ -36,7 +36,7 @@ void emsg_syslog(int lvl, const char* bf);
 void syslog_cmds(const char* bf);
 void syslog_auth(const char* bf);
 
-int emsg_open(const char* logfile);  // without it, lines go to standard output
+int emsg_open(const char* logfile);  // without it (or with ""), lines go to standard output
 int emsg_open_error(const char* logfile);
 void emsg_close();
 void emsg_flush();
