@@ -385,8 +385,6 @@ int mutex_wait_fast_timeout(int i, int tout, const char* file, int line) {
 }
 
 void mutex_release_fast(int i, const char* file, int line) {
-    (void)file;
-    (void)line;
     if (i < 0 || i >= kMutexSlots) return;
     Mutex* m = mutexes[i].m.load();
     if (m == nullptr) return;
