@@ -35,13 +35,7 @@ Tokens run2(int (*f)(char*, char**, int), const char* in, int tmax = 20) {
 }
 
 TEST(Tokens, SplitTable) {
-    struct Case {
-        Splitter f;
-        const char* in;
-        const char* sep;
-        int tmax;
-        Tokens want;
-    } cases[] = {
+    struct Case { Splitter f; const char* in; const char* sep; int tmax; Tokens want; } cases[] = {
         {token_split, "", " ", 10, {}},
         {token_split, " \t \r\n", " \t\r\n", 10, {}},
         {token_split, "  RETR   a.txt\r\n", " \t\r\n", 10, {"RETR", "a.txt"}},
@@ -69,11 +63,7 @@ TEST(Tokens, SplitTable) {
 }
 
 TEST(Tokens, NameValueAndCommaTokenisers) {
-    struct Case {
-        int (*f)(char*, char**, int);
-        const char* in;
-        Tokens want;
-    } cases[] = {
+    struct Case { int (*f)(char*, char**, int); const char* in; Tokens want; } cases[] = {
         {token_quote, "a=b", {"a", "=", "b"}},
         {token_quote, "a = b", {"a", "=", "b"}},
         {token_quote, "a=\"b c\"", {"a", "=", "b c"}},

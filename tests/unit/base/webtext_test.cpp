@@ -8,10 +8,7 @@ namespace korv {
 namespace {
 
 TEST(WebText, FormValueEncoding) {
-    struct Case {
-        const char* in;
-        const char* want;
-    } cases[] = {
+    struct Case { const char* in; const char* want; } cases[] = {
         {"plain", "plain"},
         {"a b", "a+b"},
         {"<x>&\"+", "&lt;x&gt;&amp;&#34;&#2b;"},
@@ -36,10 +33,7 @@ TEST(WebText, FormValueEncoding) {
 }
 
 TEST(WebText, FormValueDecoding) {
-    struct Case {
-        const char* in;
-        const char* want;
-    } cases[] = {
+    struct Case { const char* in; const char* want; } cases[] = {
         {"a+b", "a b"},
         {"&lt;&gt;&amp;", "<>&"},
         {"&#2b;x", "+x"},
@@ -79,11 +73,7 @@ TEST(WebText, DisplayEncoding) {
 // A banner of several lines is kept on one settings line and comes back the
 // same, less its CRs.
 TEST(WebText, StoredMultiLineText) {
-    struct Case {
-        const char* text;
-        const char* stored;
-        const char* back;
-    } cases[] = {
+    struct Case { const char* text; const char* stored; const char* back; } cases[] = {
         {"one\r\ntwo\n", "one\\ntwo\\n", "one\ntwo\n"},
         {"C:\\new", "C:\\\\new", "C:\\new"},  // a backslash before n is not a line end
         {"plain", "plain", "plain"},
