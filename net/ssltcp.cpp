@@ -421,7 +421,9 @@ int SSLTcp_Accept(pSSLTcp listening, pSSLTcp x) {
 
 void SSLTcp_Close(pSSLTcp x) {
     if (x->sk == -1) return;
-    if (x->Ssl) {
+    // One close_notify only: a second SSL_shutdown would wait for the peer's, and on a
+    // blocking socket that wait has no end.
+    if (x->Ssl && !(SSL_get_shutdown(x->Ssl.get()) & SSL_SENT_SHUTDOWN)) {
         ERR_clear_error();
         SSL_shutdown(x->Ssl.get());
         ERR_clear_error();

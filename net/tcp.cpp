@@ -2,6 +2,7 @@
 // through the channel's own buffer, formatted writes, readiness waits and address queries.
 #include "net/tcp.h"
 
+#include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
@@ -48,7 +49,15 @@ void tcp_free(Chan** x) {
 }
 
 void tcp_close(Chan* x) {
-    if (x->tcp->sk != -1) tcp_set_blocking(x, 1);
+    if (x->tcp->sk == -1) return;
+    // The TLS close_notify goes out while the socket cannot block, so that a peer that reads
+    // nothing cannot hold the closing thread; the descriptor then closes in blocking mode.
+    if (SSL* ssl = x->tcp->Ssl.get()) {
+        ERR_clear_error();
+        SSL_shutdown(ssl);
+        ERR_clear_error();
+    }
+    tcp_set_blocking(x, 1);
     SSLTcp_Close(x->tcp.get());
 }
 
