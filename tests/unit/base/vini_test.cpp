@@ -47,6 +47,7 @@ TEST_F(ViniTest, TokensSplitOnBlanksEqualsAndQuotes) {
 }
 
 TEST_F(ViniTest, TooManyTokensStopsFiveShortOfTheLimit) {
+  load(kBasicFile);  // sets the log callback
   std::string line;
   for (int i = 0; i < 100; i++) line += "w" + std::to_string(i) + " ";
   EXPECT_EQ(tokens(line).size(), static_cast<size_t>(kViniMaxTokens - 5));
