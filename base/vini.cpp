@@ -230,7 +230,7 @@ const char* vini_inifile() { return store().inifile.c_str(); }
 int vini_init(const char* fname, ViniLogFn logfn) {
   Store& s = store();
   s.logfn.store(logfn, std::memory_order_relaxed);
-  std::lock_guard<std::recursive_timed_mutex> g(s.imutex);
+  std::lock_guard<ViniLock> g(s.imutex);
   s.inifile.assign(fname != nullptr ? fname : "");
   if (s.inifile.size() > static_cast<size_t>(kViniSetLineMax)) s.inifile.resize(kViniSetLineMax);
   if (s.itypes.capacity() < static_cast<size_t>(kViniMaxTable)) s.itypes.reserve(kViniMaxTable);
@@ -282,7 +282,7 @@ int vini_add(int code, const char* xcmd, const char* dflt, int type, const char*
     t.ptype[k] = pt;
     t.np++;
   }
-  std::lock_guard<std::recursive_timed_mutex> g(s.imutex);
+  std::lock_guard<ViniLock> g(s.imutex);
   if (s.itypes.capacity() < static_cast<size_t>(kViniMaxTable)) s.itypes.reserve(kViniMaxTable);
   s.itypes.push_back(std::move(t));
   s.ntable++;
@@ -341,13 +341,13 @@ void vini_free_idle(int nowait) {
 
 int vini_parked_count() {
   Store& s = store();
-  std::lock_guard<std::recursive_timed_mutex> g(s.imutex);
+  std::lock_guard<ViniLock> g(s.imutex);
   return static_cast<int>(s.freelist.size());
 }
 
 int vini_retired_count() {
   Store& s = store();
-  std::lock_guard<std::recursive_timed_mutex> g(s.imutex);
+  std::lock_guard<ViniLock> g(s.imutex);
   return static_cast<int>(s.freelist.size() + s.zombies.size());
 }
 

@@ -3,15 +3,53 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/vini.h"
 
 namespace korv::vini_detail {
+
+// The store's re-entrant timed lock: the same thread may take it again; a
+// wait has a limit. Built on a plain mutex and a condition variable so that
+// every hand-over is a visible synchronisation.
+class ViniLock {
+ public:
+  bool try_lock_for(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> g(m_);
+    std::thread::id me = std::this_thread::get_id();
+    if (depth_ > 0 && owner_ == me) {
+      depth_++;
+      return true;
+    }
+    if (!cv_.wait_for(g, limit, [&] { return depth_ == 0; })) return false;
+    owner_ = me;
+    depth_ = 1;
+    return true;
+  }
+  void lock() {
+    while (!try_lock_for(std::chrono::milliseconds(kViniLockWaitMs))) {
+    }
+  }
+  void unlock() {
+    std::lock_guard<std::mutex> g(m_);
+    if (depth_ > 0 && --depth_ == 0) {
+      owner_ = std::thread::id();
+      cv_.notify_one();
+    }
+  }
+
+ private:
+  std::mutex m_;
+  std::condition_variable cv_;
+  std::thread::id owner_;
+  int depth_ = 0;
+};
 
 struct FREELIST {
   std::unique_ptr<INITABLE> t;  // the park owns what it holds
@@ -24,7 +62,7 @@ struct Store {
   std::vector<std::unique_ptr<INITABLE>> vdomains;  // guarded by imutex
   int vdomains_count = 0;
   std::string inifile;
-  std::recursive_timed_mutex imutex;
+  ViniLock imutex;
   std::vector<FREELIST> freelist;                  // guarded by imutex
   std::vector<std::unique_ptr<INITABLE>> zombies;  // removed, still referenced
   const char* lock_fname = nullptr;
