@@ -283,25 +283,6 @@ TEST_F(ViniTest, WriteFailureLeavesTablesAndReturnsZero) {
   EXPECT_STREQ(vini_get(nullptr, HOME), "/srv/k");
 }
 
-TEST_F(ViniTest, DefinitionQueries) {
-  load(kBasicFile);
-  EXPECT_EQ(vini_max(), NCODES);
-  EXPECT_EQ(vini_find_name("dir"), DIR);
-  EXPECT_EQ(vini_find_name("DIR"), -1);
-  EXPECT_EQ(vini_setting_name(NCODES), nullptr);
-  EXPECT_STREQ(vini_get_pname(DIR, 2), "read");
-  EXPECT_STREQ(vini_get_pname(HOME, 0), "parameter");
-  EXPECT_EQ(vini_get_np(DIR), 4);
-  EXPECT_EQ(vini_isbool(DIR, 2), 1);
-  EXPECT_EQ(vini_isbool(DIR, 1), 0);
-  EXPECT_EQ(vini_type_domain(EMAIL), 1);
-  EXPECT_EQ(vini_type_domain(HOME), 0);
-  EXPECT_EQ(vini_type_global(HOME), 1);
-  EXPECT_EQ(vini_type_multi(DIR), 1);
-  EXPECT_EQ(vini_type_gmulti(DIR), 0);
-  EXPECT_EQ(vini_add(NCODES, "   ", "", 0, ""), 0);
-}
-
 using ViniDeathTest = ViniTest;
 
 TEST_F(ViniDeathTest, FatalFaults) {
