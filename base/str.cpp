@@ -96,6 +96,18 @@ int str_vappend(std::string& s, std::string_view add) {
     return 1;
 }
 
+std::string str_lower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) c = lower(c);
+    return out;
+}
+
+std::string str_upper(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return out;
+}
+
 char* lib_trim_spaces(const char* s, char* tmp) { return trim_into(s, tmp, is_blank); }
 std::string lib_trim_spaces(std::string_view s) { return trim_string(s, is_blank); }
 char* lib_trim_qspaces(const char* s, char* tmp) { return trim_into(s, tmp, is_blank_or_quote); }

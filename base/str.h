@@ -36,6 +36,10 @@ char* lprintf(char* bf, int size, const char* format, ...) __attribute__((format
 // Appends `add` to `s`. Returns 1.
 int str_vappend(std::string& s, std::string_view add);
 
+// ASCII lower-case and upper-case copies.
+std::string str_lower(std::string_view s);
+std::string str_upper(std::string_view s);
+
 // Skips leading blanks and tabs, copies at most kTrimMax bytes to `tmp`
 // (kTrimMax + 1 bytes), removes trailing blanks and tabs; returns tmp. The
 // byte at index 0 of `tmp` is never removed.
