@@ -56,6 +56,13 @@ void* thread_start(void* p) {
 
 }  // namespace
 
+namespace {
+std::atomic<size_t> stack_size{0};
+}  // namespace
+
+void th_set_stack_size(size_t bytes) { stack_size.store(bytes); }
+size_t th_get_stack_size() { return stack_size.load(); }
+
 struct Thread {
     pthread_t h{};
     std::shared_ptr<ThreadLife> life;
@@ -74,6 +81,10 @@ Thread* th_new(ThreadFn fn, void* arg) {
     if (rc != 0) emsg("Thread setscope failed %s\n", errtext(rc).c_str());
     rc = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     if (rc != 0) emsg("Thread setdetachstate failed %s\n", errtext(rc).c_str());
+    if (size_t ss = stack_size.load(); ss != 0) {
+        rc = pthread_attr_setstacksize(&attr, ss);
+        if (rc != 0) emsg("Thread setstacksize %zu failed %s\n", ss, errtext(rc).c_str());
+    }
     rc = pthread_create(&t->h, &attr, thread_start, start.get());
     pthread_attr_destroy(&attr);
     if (rc != 0) {

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,10 @@ struct ThreadFree {
 using ThreadPtr = std::unique_ptr<Thread, ThreadFree>;
 
 Thread* th_new(ThreadFn fn, void* arg);  // detached, system scope; null on failure
+// Stack size of threads started from now on (0: the system's default). Session
+// threads need far less than the default 8 MiB of address space each.
+void th_set_stack_size(size_t bytes);
+size_t th_get_stack_size();
 int th_free(Thread* t);
 [[noreturn]] int th_exit(int x);
 int th_kill(Thread* t, int x);  // pthread_kill; an ended thread gives ESRCH, never a fault
