@@ -404,6 +404,8 @@ void Entropy_Gather_cstr(const char* s) {
     if (s) tcp_add_entropy(reinterpret_cast<const unsigned char*>(s), static_cast<int>(std::strlen(s)));
 }
 
+SSLTCP_SSLConfig* korv_main_ssl_get_ftpconn() { return &my_main_sslconfig; }
+
 void korvane_set_require_client_certificates(int truth) { my_main_sslconfig.requirePeerClientCertificate = truth; }
 
 void korvane_disable_sslv2() {

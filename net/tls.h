@@ -39,6 +39,8 @@ using SSLTCP_SSLConfig = SSLTCP_SSLCONFIG;
 // The server's two configurations: FTP, and the web administration.
 extern SSLTCP_SSLConfig my_main_sslconfig;
 extern SSLTCP_SSLConfig my_webmgr_sslconfig;
+// The FTP configuration, as the control and data channels start TLS with it.
+SSLTCP_SSLConfig* korv_main_ssl_get_ftpconn();
 
 void reset_SSLTCP_SSLConfig(SSLTCP_SSLConfig* me);
 SSLTCP_SSLConfig* new_SSLTCP_SSLConfig();
