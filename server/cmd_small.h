@@ -1,0 +1,35 @@
+// The FTP handlers with nothing else to do: NOOP, SYST, QUIT, ABOR, ACCT,
+// ALLO, STRU, HELP, FEAT, STAT, OPTS, and the part of USER that the login
+// gate needs until the login sequence is built.
+#pragma once
+
+namespace korv {
+
+struct LINK;
+
+inline constexpr int kQuitWaitMs = 300;   // QUIT waits this long for the client to close first
+inline constexpr int kStruArg = 90;       // "%.90s" of the STRU word
+inline constexpr int kFeatFactsArg = 400;  // "%.400s" of the MLST facts in FEAT
+
+// The MLST facts as FEAT shows them (all names, "*" after the enabled ones)
+// until sessions carry their own fact selection.
+inline constexpr const char* kFactOptionsDefault =
+    "type*,size*,modify*,create,unique*,perm,unix.mode,unix.owner,unix.group";
+
+int cmd_noop(LINK* l, char** p, int np, const char* orig);
+int cmd_syst(LINK* l, char** p, int np, const char* orig);
+int cmd_quit(LINK* l, char** p, int np, const char* orig);
+int cmd_abor(LINK* l, char** p, int np, const char* orig);
+int cmd_acct(LINK* l, char** p, int np, const char* orig);
+int cmd_allo(LINK* l, char** p, int np, const char* orig);
+int cmd_stru(LINK* l, char** p, int np, const char* orig);
+int cmd_help(LINK* l, char** p, int np, const char* orig);
+int cmd_feat(LINK* l, char** p, int np, const char* orig);
+int cmd_stat(LINK* l, char** p, int np, const char* orig);
+int cmd_opts(LINK* l, char** p, int np, const char* orig);
+// USER as far as the login gate: the name (ftp and anonymous@ read as
+// anonymous), needauth set, isanon, the 331 reply and the domain chosen by
+// "user@domain". The login sequence replaces it.
+int cmd_user(LINK* l, char** p, int np, const char* orig);
+
+}  // namespace korv
