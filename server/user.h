@@ -103,4 +103,10 @@ const char* user_home(const Utoken* u);
 // Frees the table of authentication setups, then clears the cache.
 void user_shutdown();
 
+// The question put to a module for one login; mex_check unless replaced (by
+// tests, with a stand-in module). Null restores mex_check.
+using UserCheckFn = int (*)(const char* domain, const char* user, const char* pass,
+                            std::string& result);
+void user_set_check_fn(UserCheckFn fn);
+
 }  // namespace korv
