@@ -178,6 +178,12 @@ int use_system_auth_as_default() {
   return row0_use_system() ? 1 : 0;
 }
 
+void multi_auth_set(std::vector<MULTI_AUTH_SCENARIO> rows, int max) {
+  std::lock_guard<std::mutex> lk(table_mx);
+  table = std::move(rows);
+  table_max = max;
+}
+
 void multi_auth_free() {
   std::lock_guard<std::mutex> lk(table_mx);
   table.clear();

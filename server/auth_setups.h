@@ -39,6 +39,9 @@ int isspawn(const char* domain);
 std::vector<MULTI_AUTH_SCENARIO> multi_auth_settings_copy();
 int multi_auth_settings_max();
 int use_system_auth_as_default();
+// Installs a table as it stands, starting no module (for a caller that
+// starts the modules itself, and for tests).
+void multi_auth_set(std::vector<MULTI_AUTH_SCENARIO> rows, int max);
 // Empties the table (as before start-up: the system files for all).
 void multi_auth_free();
 

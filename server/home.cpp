@@ -2,6 +2,7 @@
 // pattern, the mailbox-style hash, and the starting virtual directory.
 #include "server/home.h"
 
+#include <atomic>
 #include <cctype>
 #include <cstring>
 
@@ -14,11 +15,13 @@
 namespace korv {
 namespace {
 
+std::atomic<int> only_unix_slash{0};
+
 // Squeezes each run of separators into one slash (the native form of a
-// path); a backslash separates too unless global_only_unix is set.
+// path); a backslash separates too unless only_unix_slash is set.
 // TODO(vdir): call vdir_fixslash_os once the path unit exists.
 std::string& fixslash_os(std::string& s) {
-  bool back_is_sep = !vini_global_istrue(INI_GLOBAL_ONLY_UNIX);
+  bool back_is_sep = only_unix_slash.load() == 0;
   std::string out;
   out.reserve(s.size());
   bool in_run = false;
@@ -48,6 +51,8 @@ void replace_all(std::string& s, std::string_view from, std::string_view to) {
 }
 
 }  // namespace
+
+void home_only_unix_slash(int x) { only_unix_slash.store(x); }
 
 std::string& get_hashing_string(std::string& hashing_buffer, const char* hashing_pattern) {
   hashing_buffer.clear();
@@ -132,13 +137,16 @@ int sm_userpath(std::string& tmp, const char* mailbox_path, const char* user, co
   // hash_new works on the caller's strings only, so no lock is needed here.
   std::string path = mailbox_path;
   std::string name;
-  int ok = hash_new(path, lower(user).c_str(), kVelmarInvalid, kVelmarLevel, 1, &name);
+  if (!hash_new(path, lower(user).c_str(), kVelmarInvalid, kVelmarLevel, 1, &name)) {
+    tmp.clear();
+    return 0;
+  }
   if (strcmp(fname, ".") != 0) {
     path += '/';
     path += fname;
   }
   tmp = path.substr(0, kMailboxPathMax);
-  return ok;
+  return 1;
 }
 
 std::string& vdir_get_home_dir_path_rule(INILINK* l, std::string& output) {

@@ -19,6 +19,11 @@ inline constexpr const char* kVelmarPattern = "$velmar$";
 inline constexpr const char* kVelmarInvalid = "\\/:*?\"<>| #!";
 inline constexpr int kVelmarLevel = 5;
 
+// With 1 a backslash is an ordinary character in a home path; with 0 (the
+// default) it separates directories like a slash. Set at start-up from
+// global_only_unix.
+void home_only_unix_slash(int x);
+
 // The home of `user` in session `l`: the token's ftphome through the
 // ftphome_map, or the class's user_home hashed by user_home_hashing (and lower
 // case with force_lower_home). Returns `correct_ftpuser_home`.
