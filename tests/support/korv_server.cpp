@@ -125,7 +125,9 @@ KorvServer::KorvServer(std::string config, std::string binary)
 }
 
 KorvServer::~KorvServer() {
-    if (pid_ > 0 && !reaped_) EXPECT_TRUE(stop()) << "the server did not stop on SIGTERM";
+    if (pid_ > 0 && !reaped_) {
+        EXPECT_TRUE(stop()) << "the server did not stop on SIGTERM";
+    }
     check_clean();
     if (!dir_.empty() && !::testing::Test::HasFailure()) {
         std::error_code ec;
