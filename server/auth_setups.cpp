@@ -40,9 +40,8 @@ std::string multi_auth_command(const char* auth_process, const char* cmdopts, bo
   return line;
 }
 
-int start_multi_auth_scenario() {
+std::vector<MULTI_AUTH_SCENARIO> multi_auth_build(int* max) {
   std::vector<MULTI_AUTH_SCENARIO> rows;
-  std::vector<std::string> processes;  // each row's process alone, for its -path
   {
     MULTI_AUTH_SCENARIO r0;
     const char* process = vini_get(nullptr, INI_AUTHENT_PROCESS);
@@ -84,12 +83,15 @@ int start_multi_auth_scenario() {
     r.authentication_command = multi_auth_command(r.authentication_command.c_str(),
                                                   r.authentication_command_opts.c_str(), add_path);
   }
+  if (max != nullptr) *max = ndomains + 1 + kAuthSpareRows;
+  return rows;
+}
+
+int start_multi_auth_scenario() {
+  int max = 0;
+  std::vector<MULTI_AUTH_SCENARIO> rows = multi_auth_build(&max);
   int count = static_cast<int>(rows.size());
-  {
-    std::lock_guard<std::mutex> lk(table_mx);
-    table = rows;
-    table_max = ndomains + 1 + kAuthSpareRows;
-  }
+  multi_auth_set(rows, max);
   mex_init(imsg, emsg, count, rows.data());
   return count;
 }

@@ -16,6 +16,9 @@ inline constexpr int kAuthCommandMax = 998;  // a module's command line is cut h
 // Builds the table from the settings and starts the modules through mex_init.
 // Returns the number of rows.
 int start_multi_auth_scenario();
+// The table as the settings describe it, and in `max` the rows to allocate
+// (the domains, the default and kAuthSpareRows).
+std::vector<MULTI_AUTH_SCENARIO> multi_auth_build(int* max);
 // Applies a changed module setting of a domain, or of the default setup.
 void multi_auth_apply(const char* domain, const char* auth_process, const char* cmdopts,
                       int is_default_domain);
