@@ -48,5 +48,11 @@ demo: build
 	@if [ -x $(BUILD)/korvane ]; then ./demo/run $(BUILD); \
 	else echo "make demo: the server binary does not exist yet; this target will run it on the demo configuration once it does."; fi
 
+# Runs ftpload against Korvane and the peer servers on loopback and prints the ratio table
+# (BENCHMARKS.md); root only, about ten minutes. Not part of `make test`.
+.PHONY: bench
+bench: build
+	./bench/compare.sh $(BUILD)
+
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
