@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <fstream>
@@ -173,10 +174,14 @@ TEST_F(MexTest, ConcurrentWaitersEachGetTheirOwnReply) {
 }
 
 TEST_F(MexTest, ShutdownAnswersAWaiter) {
-    start_default(":");
+    const std::string got = dir_ + "/got";
+    start_default(": > " + got);  // notes the request, never answers
     std::string result;
     std::thread waiter([&] { mex_check("", "fred", "pw", result); });
-    while (log_count("cmd=(check") == 0) std::this_thread::yield();
+    struct stat st;
+    auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (stat(got.c_str(), &st) != 0 && std::chrono::steady_clock::now() < give_up)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     mex_shutdown();
     waiter.join();
     EXPECT_EQ(result, "-ERR External process failed shutdown\r\n");

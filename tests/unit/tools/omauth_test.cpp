@@ -128,12 +128,12 @@ TEST_F(OmauthTest, RewriteIsWholeAndPrivate) {
     struct stat before, after;
     ASSERT_EQ(stat(file_.c_str(), &before), 0);
     EXPECT_EQ(before.st_mode & 0777, 0600u);
-    ASSERT_EQ(d.ask("set anne pw"), "+OK anne saved\n");
+    ASSERT_EQ(d.ask("set anne clear-text!"), "+OK anne saved\n");
     ASSERT_EQ(stat(file_.c_str(), &after), 0);
     EXPECT_NE(before.st_ino, after.st_ino) << "replaced by rename, not written in place";
     EXPECT_EQ(after.st_mode & 0777, 0600u);
     std::string text = slurp(file_);
-    EXPECT_EQ(text.find("pw"), std::string::npos) << "clear password in the file";
+    EXPECT_EQ(text.find("clear-text!"), std::string::npos) << "clear password in the file";
     EXPECT_NE(text.find("fred password=\"$"), std::string::npos);
     EXPECT_NE(text.find("anne password=\"$"), std::string::npos);
     // Only the file and its lock are left in the folder.
