@@ -93,12 +93,15 @@ int vdir_aliases(Link* l, std::string& virt, std::string& result, DIRRULES* rule
       vdir_fixslash_show(l, alias);
       size_t m = alias.size();
       if (m < 1 || virt.compare(0, m, alias) != 0) continue;
-      // "/pub" covers "/pub" and "/pub/x", never "/public".
-      if (m > 1 && virt.size() > m && !is_sep(virt[m])) continue;
+      // "/pub" covers "/pub" and "/pub/x", never "/public". A one-letter alias
+      // is held to the same boundary: "a" must not cover "a..", whose rest
+      // would climb out of the alias's real path.
+      bool root = m == 1 && is_sep(alias[0]);
+      if (!root && virt.size() > m && !is_sep(virt[m])) continue;
       if (m <= best) continue;
       l->tmp_virtual = alias;
       l->tmp_real = real;
-      if (m == 1 && is_sep(alias[0])) m = 0;
+      if (root) m = 0;
       best = m;
       found = true;
       result = strfmt("%.400s/%.400s", real.c_str(), virt.c_str() + m);

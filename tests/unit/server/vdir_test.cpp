@@ -257,10 +257,24 @@ TEST_F(VdirIni, NoRulesMeansNothingExists) {
   EXPECT_EQ(etext, "No matching virtual directory or alias (/x)");
 }
 
-TEST_F(VdirIni, TildeFromRelativeDirectoryCannotClimbOutOfAlias) {
-  load("dir alias=\"/\" path=\"/jail\"\ndir alias=\"/u\" path=\"/srv/u\"\n");
-  l_.vcwd = "a";  // "a/../~../x" simplifies to "~../x": the home of ".." is "/u/.."
-  EXPECT_EQ(real("../~../x"), "/jail/x");
+// Both faults need a relative current directory, which a first rule with a
+// relative alias gives a session as its home.
+TEST_F(VdirIni, RelativeDirectoryCannotClimbOutOfAlias) {
+  load("dir alias=\"/\" path=\"/jail\"\ndir alias=\"/u\" path=\"/srv/u\"\n"
+       "dir alias=\"a\" path=\"/srv/a\"\n");
+  struct Case {
+    const char* vcwd;
+    const char* fname;
+    const char* want;
+  } cases[] = {
+      {"b", "../~../x", "/jail/x"},  // simplifies to "~../x"; the home of ".." is "/u/.."
+      {"b", "../a../x", "FAIL: No matching directory for alias (a../x) "},  // not under "a"
+      {"b", "../a/x", "/srv/a/x"},
+  };
+  for (const Case& c : cases) {
+    l_.vcwd = c.vcwd;
+    EXPECT_EQ(real(c.fname), c.want) << c.vcwd << " + " << c.fname;
+  }
 }
 
 TEST_F(VdirIni, WindowsStyleSessionMatchesInItsOwnForm) {
