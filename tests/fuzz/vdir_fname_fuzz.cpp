@@ -36,9 +36,7 @@ const char kConfig[] =
     "group_resource group=staff alias=\"/\" path=\"/srv/staffroot\" read=true\n";
 
 void check(bool ok, const std::string& what) {
-  if (ok) return;
-  fprintf(stderr, "vdir_fname_fuzz: %s\n", what.c_str());
-  abort();
+  if (!ok) fprintf(stderr, "vdir_fname_fuzz: %s\n", what.c_str()), abort();
 }
 
 // The path as the kernel walks it: "/" separates, "." stays, ".." climbs and
@@ -85,9 +83,7 @@ World& world() {
     korv::emsg_open((dir + "/korvane.log").c_str());
     std::string path = dir + "/k.ini";
     FILE* f = fopen(path.c_str(), "w");
-    if (f == nullptr) abort();
-    fputs(kConfig, f);
-    fclose(f);
+    if (f == nullptr || fputs(kConfig, f) < 0 || fclose(f) != 0) abort();
     if (korv::ini_read("korvane", path.c_str()) != 1) abort();
     korv::emsg_setlvl("error");
     // The session lives for the whole run and is never torn down, so no
