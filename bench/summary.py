@@ -90,7 +90,7 @@ def main():
     out.append("| " + " | ".join(head) + " |")
     out.append("|" + "---|" * len(head))
     for key, (name, unit) in meta.items():
-        if key in RESOURCE_KEYS or key == "loopback_mbs":
+        if key in RESOURCE_KEYS or key.startswith("loopback"):
             continue
         k = med(values, "korvane", key)
         row = [name, unit] + [fmt(med(values, s, key)) for s in servers]
@@ -114,14 +114,17 @@ def main():
                " | ".join(fmt(med(values, s, "client_cpu_s")) for s in servers) + " |")
     out.append("")
 
-    loop = med(values, "loopback", "loopback_mbs")
-    out.append(f"Loopback limit (sendfile of a {a.size} MiB file between two sockets, same run): "
-               f"{fmt(loop)} MB/s.  ")
+    sendfile = med(values, "loopback", "loopback_mbs")
+    copy = med(values, "loopback", "loopback_copy_mbs")
+    loop = max(sendfile or 0, copy or 0) or None
+    out.append(f"Loopback limit, a {a.size} MiB file between two sockets in the same run (best of three "
+               f"passes, median over the rounds): {fmt(sendfile)} MB/s with sendfile, {fmt(copy)} MB/s "
+               "read and sent.  ")
     shares = []
     for s in servers:
         r = med(values, s, "retr_mbs")
         shares.append(f"{s} {100 * r / loop:.0f}%" if r and loop else f"{s} n/a")
-    out.append("RETR as a share of it: " + ", ".join(shares) + ".")
+    out.append("RETR as a share of the higher of the two: " + ", ".join(shares) + ".")
     how = sorted({v[1] for v in cpu.values()})
     if how:
         out.append(f"CPU seconds come from: {', '.join(how)}.")

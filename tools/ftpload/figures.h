@@ -34,7 +34,8 @@ using LoadOpts = LOADOPTS;
 // Runs every figure against the target in a fixed order; failures become figures without value.
 std::vector<Figure> ftpload_run(const LoadOpts& o);
 
-// The raw loopback limit: `file` sent with sendfile between two sockets, received into a buffer.
-Figure ftpload_loopback(const std::string& file);
+// The raw loopback limits: `file` sent between two sockets with sendfile, and read into a buffer
+// and sent, received into a buffer as ftpload receives a RETR.
+std::vector<Figure> ftpload_loopback(const std::string& file);
 
 }  // namespace korv

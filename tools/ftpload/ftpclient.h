@@ -16,7 +16,7 @@ struct FTPTARGET {
     std::string user;
     std::string pass;
     bool tls = false;        // AUTH TLS, PBSZ 0, PROT P: control and data protected
-    int timeout_ms = 30000;  // limit of every single read, write and connect
+    int timeout_ms = 45000;  // limit of every single read, write and connect
 };
 using FtpTarget = FTPTARGET;
 

@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
         }
     }
     if (!loopback.empty()) {
-        print(label, {ftpload_loopback(loopback)});
+        print(label, ftpload_loopback(loopback));
         return 0;
     }
     if (o.target.port <= 0 || o.clients < 1 || o.big_mib < 1 || o.tls_mib < 1 || o.conc_mib < 1 || o.noops < 1) {
