@@ -76,14 +76,16 @@ int match_items(const char* xwild, const char* xgrp2, bool groups, int* isat) {
 
 }  // namespace
 
-int domatch(const char* text, const char* p) {
+int simple_domatch(const char* text, const char* p, int case_sensitive) {
+    // Characters compare through `fold`: as they are, or in ASCII lower case.
+    auto fold = [case_sensitive](char c) { return case_sensitive ? c : ascii_lower(c); };
     for (; *p; ++text, ++p) {
         if (*text == '\0' && *p != '*') return -1;
         switch (*p) {
             case '\\':
                 // Quotes the next character; a trailing "\" stands for itself.
                 if (p[1] != '\0') ++p;
-                if (*text != *p) return 0;
+                if (fold(*text) != fold(*p)) return 0;
                 break;
             case '?':
                 break;
@@ -92,28 +94,28 @@ int domatch(const char* text, const char* p) {
                 ++p;
                 if (*p == '\0') return 1;
                 for (; *text; ++text) {
-                    const int m = domatch(text, p);
+                    const int m = simple_domatch(text, p, case_sensitive);
                     if (m != 0) return m;
                 }
                 return -1;
             }
             case '[': {
-                const auto c = static_cast<unsigned char>(*text);
+                const auto c = static_cast<unsigned char>(fold(*text));
                 const bool reverse = p[1] == '^';
                 if (reverse) ++p;
                 bool matched = false;
                 // "]" or "-" right after the opening is a literal member.
                 if (p[1] == ']' || p[1] == '-') {
                     ++p;
-                    if (static_cast<unsigned char>(*p) == c) matched = true;
+                    if (static_cast<unsigned char>(fold(*p)) == c) matched = true;
                 }
-                auto last = static_cast<unsigned char>(*p);
+                auto last = static_cast<unsigned char>(fold(*p));
                 while (p[1] != '\0' && p[1] != ']') {
                     ++p;
-                    auto cur = static_cast<unsigned char>(*p);
+                    auto cur = static_cast<unsigned char>(fold(*p));
                     if (cur == '-' && p[1] != ']' && p[1] != '\0') {
                         ++p;
-                        cur = static_cast<unsigned char>(*p);
+                        cur = static_cast<unsigned char>(fold(*p));
                         if (c <= cur && c >= last) matched = true;
                     } else if (cur == c) {
                         matched = true;
@@ -126,11 +128,19 @@ int domatch(const char* text, const char* p) {
                 break;
             }
             default:
-                if (*text != *p) return 0;
+                if (fold(*text) != fold(*p)) return 0;
                 break;
         }
     }
     return *text == '\0' ? 1 : 0;
+}
+
+int domatch(const char* text, const char* p) { return simple_domatch(text, p, 1); }
+
+int simple_match_wild(const char* wild, const char* text) {
+    wild = or_empty(wild);
+    if (strcmp(wild, "*") == 0) return 1;
+    return simple_domatch(or_empty(text), wild, 0) == 1 ? 1 : 0;
 }
 
 int match_wild(const char* wild, const char* text) {

@@ -17,9 +17,14 @@ inline constexpr size_t kWildrepResultMax = 500;   // characters of its result
 // "[a-z]" / "[^...]" classes, "\" quotes the next character. Case-sensitive.
 // 1 match, 0 no match, -1 the text ran out before the pattern did.
 int domatch(const char* text, const char* p);
+// The same with a choice: 0 compares letters in either ASCII case (in
+// classes too, so "[a-c]" takes "B").
+int simple_domatch(const char* text, const char* p, int case_sensitive);
 
 // "*" alone matches anything (even ""); otherwise domatch(text, wild) == 1.
 int match_wild(const char* wild, const char* text);
+// match_wild ignoring case: listings test a real path against a pattern.
+int simple_match_wild(const char* wild, const char* text);
 
 // Dotted-quad pattern: each of the 4 parts is a numeric range "lo-hi"
 // (inclusive) or a wild-card. 1 if all four parts pass, else 0.

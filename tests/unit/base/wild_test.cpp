@@ -48,6 +48,18 @@ TEST(MatchWild, StarAloneAndResultFolding) {
     }
 }
 
+TEST(SimpleMatchWild, IgnoresCaseInLettersAndClasses) {
+    const MatchCase cases[] = {
+        {"*", "", 1},        {"*.TXT", "/a/b.txt", 1}, {"/A/*", "/a/B", 1},  {"[a-c]x", "BX", 1},
+        {"[^A-C]", "b", 0},  {"\\Q", "q", 1},          {"a?c", "ABC", 1},    {"*.txt", "a.txt.gz", 0},
+        {"abc", "ab", 0},
+    };
+    for (const MatchCase& c : cases) {
+        EXPECT_EQ(simple_match_wild(c.pattern, c.text), c.want) << c.pattern << " / " << c.text;
+    }
+    EXPECT_EQ(simple_domatch("ABC", "abc", 1), 0);  // the flag keeps case when asked
+}
+
 TEST(MatchWild, AddressRanges) {
     const MatchCase ipnum[] = {
         {"10.0.0-5.*", "10.0.0.3", 1}, {"10.0.0-5.*", "10.0.5.200", 1} /* inclusive */,
