@@ -200,6 +200,10 @@ int lib_str_hash_old(const char* s, int max) {
     return r < 0 ? -r : r;
 }
 
+long long int64bit_atoi(const char* s) { return s ? std::strtoll(s, nullptr, 10) : 0; }
+
+std::string i64_to_cstr(long long x) { return std::to_string(x); }
+
 int nice_atoi(const char* s) {
     if (!s) return 0;
     int64_t n = static_cast<int32_t>(static_cast<uint32_t>(std::strtol(s, nullptr, 10)));

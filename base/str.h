@@ -88,6 +88,12 @@ int lib_str_hash_old(const char* s, int max);
 
 // ---- numbers -----------------------------------------------------------------
 
+// A signed 64-bit decimal after optional blanks (strtoll: clamped at the
+// limits, 0 for no digits or null). REST offsets and quota counts.
+long long int64bit_atoi(const char* s);
+// "%lld" of `x`.
+std::string i64_to_cstr(long long x);
+
 // atoi, then the suffix of a lower-case copy (at most kNiceCopyMax bytes, cut
 // at the first blank or tab): "gig" multiplies by 2^30, else any 'm' by 2^20,
 // else any 'k' by 2^10. The product wraps at 32 bits ("2gig" is negative).
