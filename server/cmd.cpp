@@ -14,6 +14,8 @@
 #include "common/emsg.h"
 #include "net/tcp.h"
 #include "server/cmd_small.h"
+#include "server/cmd_tls.h"
+#include "server/datachan.h"
 #include "server/link.h"
 #include "server/plog.h"
 
@@ -22,7 +24,7 @@ namespace korv {
 // Verbs whose handlers come with later work answer through cmd_notimp.
 const COMMANDS commands[] = {
     {"abor", 0, 9, 0, cmd_abor},
-    {"auth", 1, 9, 0, cmd_notimp},
+    {"auth", 1, 9, 0, cmd_auth},
     {"acct", 1, 9, 0, cmd_acct},
     {"allo", 2, 2, 0, cmd_allo},
     {"appe", 2, 2, 0, cmd_notimp},
@@ -30,8 +32,8 @@ const COMMANDS commands[] = {
     {"cwd", 0, 2, 0, cmd_notimp},
     {"dele", 2, 2, 0, cmd_notimp},
     {"rm", 2, 2, 0, cmd_notimp},
-    {"eprt", 0, 2, 0, cmd_notimp},
-    {"epsv", 0, 2, 0, cmd_notimp},
+    {"eprt", 0, 2, 0, cmd_eprt},
+    {"epsv", 0, 2, 0, cmd_epsv},
     {"feat", 0, 2, 0, cmd_feat},
     {"help", 0, 2, 0, cmd_help},
     {"list", 0, 2, 0, cmd_notimp},
@@ -45,10 +47,10 @@ const COMMANDS commands[] = {
     {"noop", 0, 2, 0, cmd_noop},
     {"opts", 0, 3, 0, cmd_opts},
     {"pass", 1, 2, kCmdNoAuth, cmd_notimp},
-    {"pasv", 0, 2, 0, cmd_notimp},
-    {"pbsz", 1, 9, 0, cmd_notimp},
-    {"port", 1, 2, 0, cmd_notimp},
-    {"prot", 1, 9, 0, cmd_notimp},
+    {"pasv", 0, 2, 0, cmd_pasv},
+    {"pbsz", 1, 9, 0, cmd_pbsz},
+    {"port", 1, 2, 0, cmd_port},
+    {"prot", 1, 9, 0, cmd_prot},
     {"pwd", 0, 2, 0, cmd_notimp},
     {"quit", 0, 3, kCmdNoAuth, cmd_quit},
     {"rest", 1, 2, 0, cmd_notimp},
@@ -58,7 +60,7 @@ const COMMANDS commands[] = {
     {"rnto", 1, 2, 0, cmd_notimp},
     {"site", 1, 9, 0, cmd_notimp},
     {"size", 0, 2, 0, cmd_notimp},
-    {"sscn", 1, 2, 0, cmd_notimp},
+    {"sscn", 1, 2, 0, cmd_sscn},
     {"stat", 0, 2, 0, cmd_stat},
     {"stor", 1, 2, 0, cmd_notimp},
     {"stou", 2, 2, 0, cmd_notimp},
