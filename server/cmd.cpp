@@ -17,6 +17,7 @@
 #include "server/cmd_tls.h"
 #include "server/datachan.h"
 #include "server/link.h"
+#include "server/login.h"
 #include "server/plog.h"
 
 namespace korv {
@@ -46,7 +47,7 @@ const COMMANDS commands[] = {
     {"nlst", 0, 2, 0, cmd_notimp},
     {"noop", 0, 2, 0, cmd_noop},
     {"opts", 0, 3, 0, cmd_opts},
-    {"pass", 1, 2, kCmdNoAuth, cmd_notimp},
+    {"pass", 1, 2, kCmdNoAuth, cmd_pass},
     {"pasv", 0, 2, 0, cmd_pasv},
     {"pbsz", 1, 9, 0, cmd_pbsz},
     {"port", 1, 2, 0, cmd_port},

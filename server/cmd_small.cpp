@@ -150,22 +150,4 @@ int cmd_opts(LINK* l, char** p, int np, const char*) {
   return 1;
 }
 
-int cmd_user(LINK* l, char** p, int, const char*) {
-  std::string name = p[1];
-  if (name == "ftp" || name == "anonymous@") name = "anonymous";
-  l->user = name.substr(0, kCmdLineMax);
-  l->useremail = l->user;
-  l->needauth = 1;
-  l->isanon = strcasecmp(name.c_str(), "anonymous") == 0 || strcasecmp(name.c_str(), "guest") == 0;
-  if (!l->isanon) {
-    plog(l, "Login request user=%s ip=%s\n", name.c_str(), l->ipnum.c_str());
-    cmd_write(l, "331 Password required for %.500s.\r\n", name.c_str());
-  } else {
-    cmd_write(l, "331 Guest login ok, send your complete e-mail address as password.\r\n");
-  }
-  ini_setdomain_byuser(l, l->user);
-  l->useremail = l->user;
-  return 1;
-}
-
 }  // namespace korv

@@ -1,6 +1,5 @@
 // The FTP handlers with nothing else to do: NOOP, SYST, QUIT, ABOR, ACCT,
-// ALLO, STRU, HELP, FEAT, STAT, OPTS, and the part of USER that the login
-// gate needs until the login sequence is built.
+// ALLO, STRU, HELP, FEAT, STAT, OPTS.
 #pragma once
 
 namespace korv {
@@ -27,9 +26,5 @@ int cmd_help(LINK* l, char** p, int np, const char* orig);
 int cmd_feat(LINK* l, char** p, int np, const char* orig);
 int cmd_stat(LINK* l, char** p, int np, const char* orig);
 int cmd_opts(LINK* l, char** p, int np, const char* orig);
-// USER as far as the login gate: the name (ftp and anonymous@ read as
-// anonymous), needauth set, isanon, the 331 reply and the domain chosen by
-// "user@domain". The login sequence replaces it.
-int cmd_user(LINK* l, char** p, int np, const char* orig);
 
 }  // namespace korv
