@@ -232,6 +232,17 @@ int osspawn_is_process_finished(osspawn_info* pinfo, std::string* reason) {
         set_reason(reason, strfmt("OSSpawn: Child pid=(%d) still running.", pid));
         return 0;
     }
+    if (r < 0 && errno == ECHILD) {
+        // Someone else's waitpid (the server's reaper of stray children)
+        // collected it first: our child has ended, with its status lost. Its
+        // pid is free for reuse, so it must never be signalled again.
+        pinfo->reaped = 1;
+        pinfo->exitcode = kSpawnAbnormalExit;
+        int n = 0;
+        osspawn_close_all_pipes(pinfo, &n);
+        set_reason(reason, strfmt("OSSpawn: Child pid=(%d) has ended, but return code is unknown (ECHILD).", pid));
+        return 1;
+    }
     if (r < 0) {
         int e = errno;
         std::string word = e == ECHILD ? "ECHILD" : e == EINVAL ? "EINVAL" : errno_text(e);

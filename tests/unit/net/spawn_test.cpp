@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -111,6 +112,25 @@ TEST(Spawn, EnvironmentAndDescriptorsOfTheChild) {
     for (int i = 0; i < kSpawnEnvMax; ++i) ex_init_addenv("K", "v");
     EXPECT_EQ(ex_env_count(), kSpawnEnvMax - 1);  // one slot stays for the terminator
     ex_init_env(nullptr);
+}
+
+// A child that another waitpid collected first (the server reaps stray
+// children with waitpid(-1)) has ended: it is not waited for, and its pid,
+// free for reuse, is never signalled.
+TEST(Spawn, ChildReapedElsewhereCountsAsEnded) {
+    osspawn_info p;
+    ASSERT_EQ(libspawn_create("/bin/sh -c read", nullptr, 1, &p), 1);
+    ::close(p.std_input);  // the child's read ends: it exits
+    p.std_input = 0;
+    int status = 0;
+    ASSERT_EQ(::waitpid(p.pid, &status, 0), p.pid);
+    std::string reason;
+    EXPECT_EQ(libspawn_is_process_finished(&p, 10.0, &reason), 1) << reason;
+    EXPECT_EQ(p.reaped, 1);
+    EXPECT_EQ(p.use_pipes, 0);
+    reason.clear();
+    EXPECT_EQ(libspawn_terminate(&p, 5.0, 5.0, &reason), 1);
+    EXPECT_EQ(reason, "");  // no signal was tried
 }
 
 TEST(Spawn, TerminationEscalatesPastAnIgnoredSigterm) {
