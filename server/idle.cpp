@@ -19,7 +19,11 @@
 #include "common/emsg_files.h"
 #include "common/mutex.h"
 #include "server/control.h"
+#include "server/home.h"
+#include "server/ini.h"
+#include "server/mex_auths.h"
 #include "server/plog.h"
+#include "server/vdir_path.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define KORV_SANITIZED 1
@@ -78,9 +82,15 @@ bool is_sanitized() {
 
 int korv_idle(process_data* main_process_info) {
     plog_flush_all();
+    // Modules with no session waiting on them (a reply after its waiter gave
+    // up, a module to respawn) are serviced here.
+    mex_poll();
     time_t now = time(nullptr);
     if (now - last_files > kIdleFileCheckSeconds) {
         last_files = now;
+        int only_unix = ini_true(nullptr, INI_GLOBAL_ONLY_UNIX);
+        vdir_only_unix_slash(only_unix);
+        home_only_unix_slash(only_unix);
         std::string f = bin_file(".restart");
         if (file_exists(f.c_str())) korvane_restart(strfmt("Found %s", f.c_str()).c_str());
         f = bin_file(".exit");

@@ -23,6 +23,7 @@
 #include "net/tls.h"
 #include "server/auth_setups.h"
 #include "server/control.h"
+#include "server/home.h"
 #include "server/idle.h"
 #include "server/ini.h"
 #include "server/link.h"
@@ -32,6 +33,7 @@
 #include "server/session.h"
 #include "server/threadlist.h"
 #include "server/user.h"
+#include "server/vdir_path.h"
 #include "server/webstub.h"
 
 namespace korv {
@@ -550,6 +552,10 @@ int run_once(const char* start_word, process_data* children, int& leave) {
         lib_detach();
     }
     start_multi_auth_scenario();
+    // The idle tick keeps these in step with the settings; set here so that
+    // the first sessions read paths the same way.
+    vdir_only_unix_slash(ini_true(nullptr, INI_GLOBAL_ONLY_UNIX));
+    home_only_unix_slash(ini_true(nullptr, INI_GLOBAL_ONLY_UNIX));
     tls_setup(home.c_str());
     anon_hammering_set_default_values(ini_geti(nullptr, INI_GLOBAL_ANON_HAMMER_OVER_TIME),
                                       ini_geti(nullptr, INI_GLOBAL_ANON_HAMMER_MAX),
