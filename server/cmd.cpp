@@ -17,6 +17,7 @@
 #include "server/cmd_tls.h"
 #include "server/datachan.h"
 #include "server/link.h"
+#include "server/listing.h"
 #include "server/login.h"
 #include "server/plog.h"
 
@@ -37,14 +38,14 @@ const COMMANDS commands[] = {
     {"epsv", 0, 2, 0, cmd_epsv},
     {"feat", 0, 2, 0, cmd_feat},
     {"help", 0, 2, 0, cmd_help},
-    {"list", 0, 2, 0, cmd_notimp},
+    {"list", 0, 2, 0, cmd_list},
     {"mkd", 1, 2, 0, cmd_notimp},
     {"mdtm", 0, 2, 0, cmd_notimp},
     {"mfmt", 0, 2, 0, cmd_notimp},
     {"mlst", 0, 2, 0, cmd_notimp},
     {"mlsd", 0, 2, 0, cmd_notimp},
     {"mode", 2, 2, 0, cmd_notimp},
-    {"nlst", 0, 2, 0, cmd_notimp},
+    {"nlst", 0, 2, 0, cmd_nlst},
     {"noop", 0, 2, 0, cmd_noop},
     {"opts", 0, 3, 0, cmd_opts},
     {"pass", 1, 2, kCmdNoAuth, cmd_pass},

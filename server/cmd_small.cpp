@@ -13,6 +13,7 @@
 #include "net/tls.h"
 #include "server/cmd.h"
 #include "server/link.h"
+#include "server/listing.h"
 #include "server/plog.h"
 #include "server/korv.h"
 
@@ -106,8 +107,8 @@ int cmd_feat(LINK* l, char**, int, const char*) {
 
 int cmd_stat(LINK* l, char** p, int, const char*) {
   if (*p[1] != 0) {
-    // The listing on the control channel comes with directory listings.
     cmd_write(l, "213-status of %s:\r\n", p[1]);
+    cmd_list_do(l, p[1], 1);
     cmd_write(l, "213 End of status\r\n");
     return 1;
   }
