@@ -20,6 +20,7 @@
 #include "server/listing.h"
 #include "server/login.h"
 #include "server/plog.h"
+#include "server/transfer.h"
 
 namespace korv {
 
@@ -29,7 +30,7 @@ const COMMANDS commands[] = {
     {"auth", 1, 9, 0, cmd_auth},
     {"acct", 1, 9, 0, cmd_acct},
     {"allo", 2, 2, 0, cmd_allo},
-    {"appe", 2, 2, 0, cmd_notimp},
+    {"appe", 2, 2, 0, cmd_appe},
     {"cdup", 0, 2, 0, cmd_notimp},
     {"cwd", 0, 2, 0, cmd_notimp},
     {"dele", 2, 2, 0, cmd_notimp},
@@ -44,7 +45,7 @@ const COMMANDS commands[] = {
     {"mfmt", 0, 2, 0, cmd_notimp},
     {"mlst", 0, 2, 0, cmd_notimp},
     {"mlsd", 0, 2, 0, cmd_notimp},
-    {"mode", 2, 2, 0, cmd_notimp},
+    {"mode", 2, 2, 0, cmd_mode},
     {"nlst", 0, 2, 0, cmd_nlst},
     {"noop", 0, 2, 0, cmd_noop},
     {"opts", 0, 3, 0, cmd_opts},
@@ -55,8 +56,8 @@ const COMMANDS commands[] = {
     {"prot", 1, 9, 0, cmd_prot},
     {"pwd", 0, 2, 0, cmd_notimp},
     {"quit", 0, 3, kCmdNoAuth, cmd_quit},
-    {"rest", 1, 2, 0, cmd_notimp},
-    {"retr", 1, 2, 0, cmd_notimp},
+    {"rest", 1, 2, 0, cmd_rest},
+    {"retr", 1, 2, 0, cmd_retr},
     {"rmd", 1, 2, 0, cmd_notimp},
     {"rnfr", 1, 2, 0, cmd_notimp},
     {"rnto", 1, 2, 0, cmd_notimp},
@@ -64,11 +65,11 @@ const COMMANDS commands[] = {
     {"size", 0, 2, 0, cmd_notimp},
     {"sscn", 1, 2, 0, cmd_sscn},
     {"stat", 0, 2, 0, cmd_stat},
-    {"stor", 1, 2, 0, cmd_notimp},
-    {"stou", 2, 2, 0, cmd_notimp},
+    {"stor", 1, 2, 0, cmd_stor},
+    {"stou", 2, 2, 0, cmd_stou},
     {"stru", 1, 2, 0, cmd_stru},
     {"syst", 0, 2, kCmdNoAuth, cmd_syst},
-    {"type", 1, 2, 0, cmd_notimp},
+    {"type", 1, 2, 0, cmd_type},
     {"user", 1, 9, kCmdNoAuth, cmd_user},
     {"xcup", 0, 2, 0, cmd_notimp},
     {"xcwd", 0, 2, 0, cmd_notimp},
