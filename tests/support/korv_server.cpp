@@ -22,8 +22,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
+
+#include "base/str.h"
 
 extern char** environ;
 
@@ -108,15 +111,30 @@ bool wait_pid(pid_t pid, int timeout_ms, int* status) {
     }
 }
 
+// A fresh directory under the temporary folder with a lower-case name: the
+// server lower-cases the per-domain log paths whole, so a mixed-case home would
+// send its session logs elsewhere. "" on failure.
+std::string make_lower_temp_dir(const std::string& prefix) {
+    static const char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device rd;
+    std::mt19937 gen(rd());
+    std::uniform_int_distribution<size_t> pick(0, sizeof kChars - 2);
+    std::string base = str_lower(std::filesystem::temp_directory_path().string()) + "/" + prefix;
+    for (int tries = 0; tries < 100; tries++) {
+        std::string dir = base;
+        for (int i = 0; i < 8; i++) dir += kChars[pick(gen)];
+        if (::mkdir(dir.c_str(), 0700) == 0) return dir;
+        if (errno != EEXIST) return "";
+    }
+    return "";
+}
+
 }  // namespace
 
 KorvServer::KorvServer(std::string config, std::string binary)
     : binary_(std::move(binary)), config_(std::move(config)) {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "korv-e2e-XXXXXX").string();
-    std::vector<char> name(tmpl.begin(), tmpl.end());
-    name.push_back(0);
-    if (::mkdtemp(name.data()) != nullptr) dir_ = name.data();
-    EXPECT_FALSE(dir_.empty()) << "mkdtemp failed";
+    dir_ = make_lower_temp_dir("korv-e2e-");
+    EXPECT_FALSE(dir_.empty()) << "cannot make a temporary directory";
     ftp_port_ = free_port();
     implicit_port_ = free_port();
     mgr_port_ = free_port();
@@ -271,10 +289,19 @@ void FtpClient::close() {
     buf_.clear();
 }
 
-bool FtpClient::connect(int port, const std::string& address, int timeout_ms) {
+bool FtpClient::connect(int port, const std::string& address, int timeout_ms, const std::string& source) {
     close();
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd_ < 0) return false;
+    if (!source.empty()) {
+        sockaddr_in b{};
+        b.sin_family = AF_INET;
+        if (::inet_pton(AF_INET, source.c_str(), &b.sin_addr) != 1 ||
+            ::bind(fd_, reinterpret_cast<sockaddr*>(&b), sizeof b) != 0) {
+            close();
+            return false;
+        }
+    }
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));

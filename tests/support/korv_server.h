@@ -3,6 +3,7 @@
 // stopped at the end; and a small raw-socket FTP client to speak to it.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <string>
@@ -92,7 +93,10 @@ public:
     FtpClient(const FtpClient&) = delete;
     FtpClient& operator=(const FtpClient&) = delete;
 
-    bool connect(int port, const std::string& address = "127.0.0.1", int timeout_ms = 10000);
+    // `source`, when given, is the local address the connection comes from
+    // (another loopback address such as 127.0.0.2 is another client).
+    bool connect(int port, const std::string& address = "127.0.0.1", int timeout_ms = 10000,
+                 const std::string& source = "");
     void close();
     bool is_open() const { return fd_ >= 0; }
     int fd() const { return fd_; }
@@ -116,6 +120,15 @@ private:
 
     int fd_ = -1;
     std::string buf_;
+};
+
+// A control connection to 127.0.0.1 from a chosen loopback source address, for
+// checks by client address; a failure to connect is a test failure.
+class FromClient : public FtpClient {
+public:
+    FromClient(const std::string& source, int port) {
+        EXPECT_TRUE(connect(port, "127.0.0.1", 10000, source)) << "cannot connect from " << source;
+    }
 };
 
 }  // namespace korv::test
