@@ -1,6 +1,7 @@
 // The FTP session over raw sockets against the real server: greetings and
 // admission refusals, argument checks and the login gate, telnet bytes and
-// pipelining, the small commands, and the command log.
+// pipelining, the small commands, the command log, and the idle limit of a
+// logged-in session.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -183,6 +184,21 @@ TEST(Session, HelpFeatStatSystOpts) {
   EXPECT_EQ(c.cmd("OPTS"), "500 OPTS sub command expected\r\n");
   EXPECT_EQ(c.cmd("OPTS utf8 on"), "200 fake utf8 enabled\r\n");
   EXPECT_EQ(c.cmd("OPTS foo"), "500 OPTS FOO command not implemented - let us know if you need this\r\n");
+}
+
+// The class's limit_time governs a logged-in session: past it the client is
+// told and the connection ends. (One minute is the smallest limit a class can
+// set, so this test waits that long.)
+TEST(Session, IdleLimitOfTheClassEndsTheSession) {
+  Server s(KorvServer::basic_config() + "\t\tlimit_time \"1\"\n");
+  ASSERT_TRUE(s.start());
+  FtpClient c;
+  ASSERT_TRUE(c.connect(s.ftp_port()));
+  ASSERT_EQ(c.reply(), greeting("test"));
+  ASSERT_EQ(c.cmd("USER ftp"), "331 Guest login ok, send your complete e-mail address as password.\r\n");
+  ASSERT_EQ(c.cmd("PASS me@example.org"), "230 Anonymous access granted, restrictions apply.anonymous\r\n");
+  EXPECT_EQ(c.reply(75000), "421 Timeout (1 minutes): closing control connection.\r\n");
+  EXPECT_TRUE(c.wait_closed());
 }
 
 }  // namespace
