@@ -10,6 +10,7 @@
 #include <ctime>
 #include <initializer_list>
 
+#include "base/files.h"
 #include "base/fmt.h"
 #include "base/vini.h"
 #include "base/wild.h"
@@ -85,13 +86,6 @@ class ListOut {
 
 std::string cut(const char* s, size_t max) { return std::string(s != nullptr ? s : "", 0, max); }
 
-// A size that follows links, as a transfer would see it; -1 when unknown.
-long long i64_file_size(const std::string& path) {
-  struct stat st {};
-  if (stat(path.c_str(), &st) != 0) return -1;
-  return static_cast<long long>(st.st_size);
-}
-
 bool listable(const WILD_DATA& d) { return d.islink || d.isnorm || d.isdir; }
 
 // The existence test before a listing of a name without "*". 1 when the
@@ -146,7 +140,7 @@ void list_entries(LINK* l, Tree_Handle* h, WILD_DATA& d, std::string realname,
     if (!simple_match_wild(realname.c_str(), d.name.c_str()) &&
         d.name.compare(0, realname.size(), realname) != 0)
       real = strfmt("%s/%s", realname.c_str(), d.name.c_str());
-    filesize = i64_file_size(real);
+    filesize = i64_file_size(real.c_str());
     if (filesize < 0) {
       imsg("argh! no filesize (%s) %s - using best guess (%d)\n", real.c_str(),
            errtext(errno).c_str(), static_cast<int>(d.size));

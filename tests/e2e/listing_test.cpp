@@ -173,6 +173,10 @@ TEST(Listing, UnixLinesAliasesAndWildcards) {
   EXPECT_EQ(c.cmd("STAT sub"), "213-status of sub:\r\n" + unix_line("-rw-r--r--", 1, 10, "c.txt") +
                                    "213 End of status\r\n");
   EXPECT_EQ(c.cmd("NOOP"), "200 NOOP command successful.\r\n");  // nothing left over
+  // NLST announces ASCII whatever the type, and leaves the type as it was.
+  EXPECT_EQ(c.cmd("TYPE I"), "200 Type set to I\r\n");
+  EXPECT_EQ(list(c, "NLST sub").first, "150 Opening ASCII connection for /sub\r\n");
+  EXPECT_EQ(list(c, "LIST sub").first, "150 Opening BINARY connection for /sub\r\n");
 }
 
 TEST(Listing, WindowsLayout) {
