@@ -569,7 +569,9 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
       int ms = speed.wait_ms(getdtime());
       if (ms > 0 && wait_on_control(l, ms) && !run.poll_abort()) break;
       if (ms > 0) continue;
-      r = simple_tcp_read_timed_blocking(l, c, buffer.get(), kXferBufSize, kStorIdleSeconds);
+      // Under a limit no read takes more than a second's budget.
+      int want = speed.limit > 0 && speed.limit < kXferBufSize ? speed.limit : kXferBufSize;
+      r = simple_tcp_read_timed_blocking(l, c, buffer.get(), want, kStorIdleSeconds);
       speed.add(r > 0 ? r : 0, getdtime());
       if (r < 1) {
         if (l->done_abort) run.status = "ABORT command received";
