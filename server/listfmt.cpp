@@ -28,6 +28,17 @@ size_t name_buf_size() {
   return n > 0 ? static_cast<size_t>(n) : 4096;
 }
 
+// The last id a thread looked up and its name, kept a few seconds: a big
+// listing asks for the same owner thousands of times, and each lookup reads
+// the account files.
+struct NameMemo {
+  int id = -1;
+  time_t at = 0;
+  std::string name;
+  bool fresh(int want, time_t now) const { return id == want && now - at < 5 && now >= at; }
+};
+thread_local NameMemo user_memo, group_memo;
+
 // The option letters of one word ("-lR").
 void note_options(std::string_view word, int* isfull, int* isrec) {
   for (char c : word) {
@@ -51,6 +62,8 @@ std::string unix_mode_show(int mode, int isdir, int islink) {
 }
 
 std::string& unix_uid_user(int uid, std::string& out) {
+  time_t now = time(nullptr);
+  if (user_memo.fresh(uid, now)) return out = user_memo.name;
   std::vector<char> buf(name_buf_size());
   struct passwd pw {};
   struct passwd* res = nullptr;
@@ -58,10 +71,13 @@ std::string& unix_uid_user(int uid, std::string& out) {
   while ((rc = getpwuid_r(static_cast<uid_t>(uid), &pw, buf.data(), buf.size(), &res)) == ERANGE)
     buf.resize(buf.size() * 2);
   out = (rc == 0 && res != nullptr) ? std::string(res->pw_name) : strfmt("%d", uid);
+  user_memo = {uid, now, out};
   return out;
 }
 
 std::string& unix_gid_group(int gid, std::string& out) {
+  time_t now = time(nullptr);
+  if (group_memo.fresh(gid, now)) return out = group_memo.name;
   std::vector<char> buf(name_buf_size());
   struct group gr {};
   struct group* res = nullptr;
@@ -69,6 +85,7 @@ std::string& unix_gid_group(int gid, std::string& out) {
   while ((rc = getgrgid_r(static_cast<gid_t>(gid), &gr, buf.data(), buf.size(), &res)) == ERANGE)
     buf.resize(buf.size() * 2);
   out = (rc == 0 && res != nullptr) ? std::string(res->gr_name) : strfmt("%d", gid);
+  group_memo = {gid, now, out};
   return out;
 }
 

@@ -20,7 +20,7 @@ inline constexpr int kListOwnerPad = 8;      // owner and group are padded to th
 // Ten characters: "l", "d" or "-", then rwx for owner, group and others.
 std::string unix_mode_show(int mode, int isdir, int islink);
 // The name of a user or group id, or the number when there is none. Return
-// `out`, unpadded.
+// `out`, unpadded. Each thread remembers its last answer for a few seconds.
 std::string& unix_uid_user(int uid, std::string& out);
 std::string& unix_gid_group(int gid, std::string& out);
 
