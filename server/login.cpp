@@ -3,22 +3,20 @@
 // and the banner with its alias table.
 #include "server/login.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
+#include <memory>
 #include <thread>
 
 #include "base/fmt.h"
 #include "base/str.h"
 #include "base/tokens.h"
+#include "base/vini.h"
 #include "base/webtext.h"
 #include "common/emsg.h"
-#include "common/emsg_files.h"
 #include "common/hammer.h"
 #include "net/spawn.h"
 #include "net/tcp.h"
@@ -31,6 +29,7 @@
 #include "server/user.h"
 #include "server/vdir.h"
 #include "server/vdir_path.h"
+#include "server/vfile.h"
 
 namespace korv {
 
@@ -72,25 +71,6 @@ int check_limit(LINK* l, const SessionLimit& lim, const std::string& msg) {
   return 0;
 }
 
-// Creates `path` and any missing parents with `mode`; a path that is already
-// a directory counts as made. 0, or -1 with errno.
-int make_dirs(const std::string& path, int mode) {
-  if (path.empty() || path == "/") return 0;
-  if (::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0) return 0;
-  if (errno == EEXIST) {
-    struct stat st{};
-    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return 0;
-    errno = EACCES;
-    return -1;
-  }
-  if (errno != ENOENT) return -1;
-  size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos || slash < 2) return -1;
-  if (make_dirs(path.substr(0, slash), mode) != 0) return -1;
-  if (::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0) return 0;
-  return -1;
-}
-
 // The quota set-up of a fresh login: the quota unit puts cmd_quota_init(l)
 // here. Until then a login carries no quota.
 void login_quota_init(LINK*) {}
@@ -130,7 +110,7 @@ int cmd_user(LINK* l, char** p, int, const char*) {
     plog(l, "Login request user=%s ip=%s\n", l->user.c_str(), l->ipnum.c_str());
     cmd_write(l, "331 Password required for %.500s.\r\n", l->user.c_str());
   } else {
-    if (ini_true(nullptr, INI_GLOBAL_ANON_HAMMER_ACTIVE) && !anon_login_from_IP_str(l->ipnum.c_str())) {
+    if (vini_global_istrue(INI_GLOBAL_ANON_HAMMER_ACTIVE) && !anon_login_from_IP_str(l->ipnum.c_str())) {
       cmd_write(l, "450 Server Access temporially unavailable, please try again later.\r\n");
       l->user.clear();
       l->isanon = 0;
@@ -297,12 +277,15 @@ int cmd_pass(LINK* l, char** p, int, const char*) {
 int isin_ftpusers(const char* user) { return isin_ftpusers_file(kFtpusersPath, user); }
 
 int isin_ftpusers_file(const char* path, const char* user) {
-  std::ifstream in(path);
-  if (!in || user == nullptr) return 0;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.size() > static_cast<size_t>(kFtpusersLineMax)) line.resize(kFtpusersLineMax);
-    if (line == user) return 1;
+  if (user == nullptr) return 0;
+  std::unique_ptr<FILE, int (*)(FILE*)> f(fopen(path, "re"), fclose);
+  if (!f) return 0;
+  // Pieces of up to 999 bytes, each cut at its line feed: a longer line is
+  // compared piece by piece.
+  char bf[kFtpusersLineMax + 1];
+  while (fgets(bf, sizeof bf, f.get()) != nullptr) {
+    if (char* nl = strchr(bf, '\n')) *nl = 0;
+    if (strcmp(bf, user) == 0) return 1;
   }
   return 0;
 }
@@ -366,27 +349,16 @@ int cmd_login_banner(LINK* l, const char* extra_msg) {
 
 int cmd_create_home(LINK* l, const char* real_home, std::string& reason) {
   errno = 0;
-  std::string path = real_home != nullptr ? real_home : "";
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  vdir_impersonate(l);
-  struct stat st{};
-  bool exists = ::stat(path.c_str(), &st) == 0;
-  int rc = 0, err = 0;
-  if (!exists) {
-    rc = make_dirs(path, ~l->cur_umask & 0777);
-    err = errno;
-  }
-  vdir_revert(l);
-  if (exists) {
-    dmsg("Users directory already exists virtual:(%s) real:(%s)\n", l->vcwd.c_str(), path.c_str());
+  std::string etext;
+  if (vexists(l, "", etext)) {
+    dmsg("Users directory already exists virtual:(%s) real:(%s)\n", l->vcwd.c_str(), real_home);
     return 1;
   }
-  if (rc != 0) {
-    reason = strfmt("Could not create users home directory (%.500s) (%.500s)\n", l->vcwd.c_str(),
-                    cut(errtext(err), 100).c_str());
+  if (!do_vmkdir(l, "", etext, 1)) {
+    reason = strfmt("Could not create users home directory (%.500s) (%.500s)\n", l->vcwd.c_str(), etext.c_str());
     return 0;
   }
-  dmsg("Created users home directory virtual:(%s) real:(%s)\n", l->vcwd.c_str(), path.c_str());
+  dmsg("Created users home directory virtual:(%s) real:(%s)\n", l->vcwd.c_str(), real_home);
   std::string program = sget(l, INI_NEW_USER_PROGRAM);
   if (program.empty()) return 1;
   std::string user = ini_true(l, INI_FORCE_LOWER_HOME) ? str_lower(l->user) : l->user;
@@ -395,7 +367,7 @@ int cmd_create_home(LINK* l, const char* real_home, std::string& reason) {
   const char* cname = ini_get_p(l, INI_CLASS, "class_name");
   const char* dname = ini_get_p(l, INI_VDOMAIN, "name");
   if (!run_new_user_program(l, program.c_str(), user.c_str(), hashed.c_str(), dname != nullptr ? dname : "",
-                            cname != nullptr ? cname : "", path.c_str())) {
+                            cname != nullptr ? cname : "", real_home)) {
     reason = "Home directory program did not complete, try again later.";
     return 0;
   }
