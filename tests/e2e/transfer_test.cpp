@@ -280,6 +280,8 @@ TEST(Transfer, DailyAddressLimitTransferLogAndWatcher) {
   EXPECT_EQ(s.get("watch.out"), "\"file=" + s.path("up/w.bin") +
                                     "\" \"bytes=5\" \"user=anonymous\" \"userip=127.0.0.1\" \"transfer=uploaded\"\n");
 
+  // The log line follows the reply; once NOOP is answered the session has written it.
+  EXPECT_EQ(c.cmd("NOOP"), "200 NOOP command successful.\r\n");
   std::string log = slurp(str_lower(s.dir()) + "/test/xfer.log");
   std::istringstream lines(log);
   std::string line;
