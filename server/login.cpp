@@ -50,7 +50,8 @@ const char* status_text(int status) {
   return accountstatus_messages[status];
 }
 
-// The three session limits of a class: a count above the limit refuses.
+// A session limit of the class read the same way for addresses and users: a
+// count above the limit refuses (the count includes this session).
 struct SessionLimit {
   int code;
   int (*count)(Link*);
