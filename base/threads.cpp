@@ -61,6 +61,12 @@ std::atomic<size_t> stack_size{0};
 }  // namespace
 
 void th_set_stack_size(size_t bytes) { stack_size.store(bytes); }
+
+namespace {
+std::atomic<ThreadEndFn> end_hook{nullptr};
+}  // namespace
+
+void th_set_end_hook(ThreadEndFn fn) { end_hook.store(fn); }
 size_t th_get_stack_size() { return stack_size.load(); }
 
 struct Thread {
@@ -186,6 +192,7 @@ int th_reuse(void* p) {
         if (me->set_exit) break;
         th_orders_wait(me.get());
     }
+    if (ThreadEndFn fn = end_hook.load()) fn();
     {
         std::lock_guard lk(rm);
         if (me->owns_h) th_free(me->h);

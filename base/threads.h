@@ -27,6 +27,10 @@ Thread* th_new(ThreadFn fn, void* arg);  // detached, system scope; null on fail
 // threads need far less than the default 8 MiB of address space each.
 void th_set_stack_size(size_t bytes);
 size_t th_get_stack_size();
+// Called by a pooled thread just before it ends, so that a library with
+// per-thread state (the TLS library's random generators) can release it.
+using ThreadEndFn = void (*)();
+void th_set_end_hook(ThreadEndFn fn);
 int th_free(Thread* t);
 [[noreturn]] int th_exit(int x);
 int th_kill(Thread* t, int x);  // pthread_kill; an ended thread gives ESRCH, never a fault

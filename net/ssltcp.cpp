@@ -28,6 +28,7 @@
 #include <mutex>
 
 #include "base/fmt.h"
+#include "base/threads.h"
 
 namespace korv {
 
@@ -226,6 +227,9 @@ void ssltcp_log(const char* format, ...) {
 int SSLTcp_init() {
     std::call_once(g_init_once, [] {
         OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+        // Pooled threads free their random generators before they end, not in a
+        // race with the process's exit.
+        th_set_end_hook([] { OPENSSL_thread_stop(); });
         // A write to a closed peer must come back as an error (EPIPE), not end the process.
         // Children get the default back before they run their program.
         struct sigaction sa{};
