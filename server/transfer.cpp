@@ -4,6 +4,7 @@
 #include "server/transfer.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +40,7 @@ namespace korv {
 namespace {
 
 constexpr double kQuotaSlack = 1.05;  // an upload past 105% of the quota is deleted
+constexpr int kSocketBuffer = 131072;  // data sockets get at least this much buffer
 
 void set_state(LINK* l, const char* verb, const std::string& name, const char* step) {
   link_state_set(l, strfmt("%s %.400s %s", verb, name.c_str(), step));
@@ -94,6 +96,21 @@ struct XferRun {
     return true;
   }
 };
+
+// Raises a data socket's buffer to 128 KB. A buffer the kernel already sizes
+// larger (and tunes as the connection goes) is left alone: setting it would
+// fix it at the smaller size.
+void raise_buffer(chan* c, bool in) {
+  int cur = 0;
+  socklen_t len = sizeof cur;
+  if (getsockopt(tcp_get_sockethandle(c), SOL_SOCKET, in ? SO_RCVBUF : SO_SNDBUF, &cur, &len) == 0 &&
+      cur >= kSocketBuffer)
+    return;
+  if (in)
+    raise_buffer(c, true);
+  else
+    raise_buffer(c, false);
+}
 
 // The session's quota file, which an upload may not overwrite.
 std::string quota_file(LINK* l) {
@@ -344,7 +361,7 @@ int cmd_retr(LINK* l, char** p, int, const char*) {
   }
   set_state(l, V, virt, "step_data2");
   chan* c = l->cdata.get();
-  tcp_out_bf_128k(c);
+  raise_buffer(c, false);
   SpeedDown speed(speed_bytes(ini_get(l, INI_LIMIT_SPEED)), getdtime());
   const time_t started = time(nullptr);
   // Ruling: a plain binary stream with no limit goes through sendfile.
@@ -499,7 +516,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
     return 0;
   }
   chan* c = l->cdata.get();
-  tcp_in_bf_128k(c);
+  raise_buffer(c, true);
   FilePtr f;
   if (!vfopen(l, name, mode.c_str(), f, reason)) {
     emsg("Open failed %.500s\n", reason.c_str());
