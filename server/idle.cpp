@@ -18,6 +18,7 @@
 #include "common/emsg.h"
 #include "common/emsg_files.h"
 #include "common/mutex.h"
+#include "server/auth_setups.h"
 #include "server/control.h"
 #include "server/home.h"
 #include "server/ini.h"
@@ -91,6 +92,7 @@ int korv_idle(process_data* main_process_info) {
         int only_unix = ini_true(nullptr, INI_GLOBAL_ONLY_UNIX);
         vdir_only_unix_slash(only_unix);
         home_only_unix_slash(only_unix);
+        user_set_ntdomain(ini_get(nullptr, INI_GLOBAL_NT_DOMAIN));
         std::string f = bin_file(".restart");
         if (file_exists(f.c_str())) korvane_restart(strfmt("Found %s", f.c_str()).c_str());
         f = bin_file(".exit");
