@@ -107,9 +107,9 @@ void raise_buffer(chan* c, bool in) {
       cur >= kSocketBuffer)
     return;
   if (in)
-    raise_buffer(c, true);
+    tcp_in_bf_128k(c);
   else
-    raise_buffer(c, false);
+    tcp_out_bf_128k(c);
 }
 
 // The session's quota file, which an upload may not overwrite.
