@@ -4,7 +4,6 @@
 #include "server/transfer.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,7 +39,6 @@ namespace korv {
 namespace {
 
 constexpr double kQuotaSlack = 1.05;  // an upload past 105% of the quota is deleted
-constexpr int kSocketBuffer = 131072;  // data sockets get at least this much buffer
 
 void set_state(LINK* l, const char* verb, const std::string& name, const char* step) {
   link_state_set(l, strfmt("%s %.400s %s", verb, name.c_str(), step));
@@ -96,21 +94,6 @@ struct XferRun {
     return true;
   }
 };
-
-// Raises a data socket's buffer to 128 KB. A buffer the kernel already sizes
-// larger (and tunes as the connection goes) is left alone: setting it would
-// fix it at the smaller size.
-void raise_buffer(chan* c, bool in) {
-  int cur = 0;
-  socklen_t len = sizeof cur;
-  if (getsockopt(tcp_get_sockethandle(c), SOL_SOCKET, in ? SO_RCVBUF : SO_SNDBUF, &cur, &len) == 0 &&
-      cur >= kSocketBuffer)
-    return;
-  if (in)
-    tcp_in_bf_128k(c);
-  else
-    tcp_out_bf_128k(c);
-}
 
 // The session's quota file, which an upload may not overwrite.
 std::string quota_file(LINK* l) {
@@ -361,7 +344,7 @@ int cmd_retr(LINK* l, char** p, int, const char*) {
   }
   set_state(l, V, virt, "step_data2");
   chan* c = l->cdata.get();
-  raise_buffer(c, false);
+  tcp_out_bf_128k(c);
   SpeedDown speed(speed_bytes(ini_get(l, INI_LIMIT_SPEED)), getdtime());
   const time_t started = time(nullptr);
   // Ruling: a plain binary stream with no limit goes through sendfile.
@@ -516,7 +499,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
     return 0;
   }
   chan* c = l->cdata.get();
-  raise_buffer(c, true);
+  tcp_in_bf_128k(c);
   FilePtr f;
   if (!vfopen(l, name, mode.c_str(), f, reason)) {
     emsg("Open failed %.500s\n", reason.c_str());
