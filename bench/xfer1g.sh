@@ -84,6 +84,9 @@ VS_GROUP=$(cpu_group vsftpd "$VS_PID")
 run() {
     local name=$1 port=$2 pid=$3 group=$4 mode=$5 dir=$6 tls=() before after speed
     [ "$mode" = tls ] && tls=(--ssl-reqd -k)
+    # Every upload starts from the same state: no old copy to truncate, no dirty pages in flight.
+    rm -f "$BENCH_HOME/xfer1g-up.bin"
+    sync
     before=$(cpu_now "$group" "$pid")
     if [ "$dir" = RETR ]; then
         speed=$(curl -sS "${tls[@]}" -o /dev/null -w '%{speed_download}' \
