@@ -404,6 +404,18 @@ void Entropy_Gather_cstr(const char* s) {
     if (s) tcp_add_entropy(reinterpret_cast<const unsigned char*>(s), static_cast<int>(std::strlen(s)));
 }
 
+void Entropy_Gather_connection(Chan* c, double t_start) {
+    int lcl = 0;
+    int rmt = 0;
+    if (c != nullptr) tcp_getports(c, &lcl, &rmt);
+    const double t_now = getdtime();
+    Entropy_Gather_shortint(static_cast<short>(lcl));
+    Entropy_Gather_shortint(static_cast<short>(rmt));
+    Entropy_Gather_double(t_start);
+    Entropy_Gather_double(t_now);
+    Entropy_Gather_int(static_cast<int>((t_now - t_start) * 1000));
+}
+
 SSLTCP_SSLConfig* korv_main_ssl_get_ftpconn() { return &my_main_sslconfig; }
 
 void korvane_set_require_client_certificates(int truth) { my_main_sslconfig.requirePeerClientCertificate = truth; }

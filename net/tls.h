@@ -85,6 +85,9 @@ void Entropy_Gather_shortint(short v);
 void Entropy_Gather_int(int v);
 void Entropy_Gather_double(double v);
 void Entropy_Gather_cstr(const char* s);
+// Feeds the ports of `c` and the time since `t_start` (from getdtime), as
+// gathered before every TLS start on a control or data connection.
+void Entropy_Gather_connection(Chan* c, double t_start);
 
 // Settings that change the two configurations.
 void korvane_set_require_client_certificates(int truth);

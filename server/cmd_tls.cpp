@@ -38,16 +38,7 @@ int cmd_auth(LINK* l, char** p, int, const char*) {
         return 0;
     }
 
-    int lcl = 0;
-    int rmt = 0;
-    const double t_start = getdtime();
-    if (l->c) tcp_getports(l->c.get(), &lcl, &rmt);
-    const double t_now = getdtime();
-    Entropy_Gather_shortint(static_cast<short>(lcl));
-    Entropy_Gather_shortint(static_cast<short>(rmt));
-    Entropy_Gather_double(t_start);
-    Entropy_Gather_double(t_now);
-    Entropy_Gather_int(static_cast<int>((t_now - t_start) * 1000));
+    Entropy_Gather_connection(l->c.get(), getdtime());
 
     cmd_write(l, "234 Enabling SSL\r\n");
     // Whatever the client sent after AUTH and before its handshake came in the

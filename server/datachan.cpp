@@ -316,15 +316,7 @@ int ftp_open_datachan(LINK* l, std::string& reason, const char* filename) {
     cmd_write(l, "150 Opening %.500s connection for %.500s\r\n", l->isbin ? "BINARY" : "ASCII",
               filename != nullptr ? filename : "");
 
-    int lcl = 0;
-    int rmt = 0;
-    tcp_getports(l->cdata.get(), &lcl, &rmt);
-    const double t_now = getdtime();
-    Entropy_Gather_shortint(static_cast<short>(lcl));
-    Entropy_Gather_shortint(static_cast<short>(rmt));
-    Entropy_Gather_double(t_start);
-    Entropy_Gather_double(t_now);
-    Entropy_Gather_int(static_cast<int>((t_now - t_start) * 1000));
+    Entropy_Gather_connection(l->cdata.get(), t_start);
 
     if (l->ssl_data) {
         dmsg("Encrypting data link\n");
