@@ -13,6 +13,7 @@
 #include "base/webtext.h"
 #include "common/emsg.h"
 #include "net/tcp.h"
+#include "server/cmd_file.h"
 #include "server/cmd_small.h"
 #include "server/cmd_tls.h"
 #include "server/datachan.h"
@@ -31,18 +32,18 @@ const COMMANDS commands[] = {
     {"acct", 1, 9, 0, cmd_acct},
     {"allo", 2, 2, 0, cmd_allo},
     {"appe", 2, 2, 0, cmd_appe},
-    {"cdup", 0, 2, 0, cmd_notimp},
-    {"cwd", 0, 2, 0, cmd_notimp},
-    {"dele", 2, 2, 0, cmd_notimp},
-    {"rm", 2, 2, 0, cmd_notimp},
+    {"cdup", 0, 2, 0, cmd_cdup},
+    {"cwd", 0, 2, 0, cmd_cwd},
+    {"dele", 2, 2, 0, cmd_dele},
+    {"rm", 2, 2, 0, cmd_dele},
     {"eprt", 0, 2, 0, cmd_eprt},
     {"epsv", 0, 2, 0, cmd_epsv},
     {"feat", 0, 2, 0, cmd_feat},
     {"help", 0, 2, 0, cmd_help},
     {"list", 0, 2, 0, cmd_list},
-    {"mkd", 1, 2, 0, cmd_notimp},
-    {"mdtm", 0, 2, 0, cmd_notimp},
-    {"mfmt", 0, 2, 0, cmd_notimp},
+    {"mkd", 1, 2, 0, cmd_mkd},
+    {"mdtm", 0, 2, 0, cmd_mdtm},
+    {"mfmt", 0, 2, 0, cmd_mfmt},
     {"mlst", 0, 2, 0, cmd_notimp},
     {"mlsd", 0, 2, 0, cmd_notimp},
     {"mode", 2, 2, 0, cmd_mode},
@@ -54,15 +55,15 @@ const COMMANDS commands[] = {
     {"pbsz", 1, 9, 0, cmd_pbsz},
     {"port", 1, 2, 0, cmd_port},
     {"prot", 1, 9, 0, cmd_prot},
-    {"pwd", 0, 2, 0, cmd_notimp},
+    {"pwd", 0, 2, 0, cmd_pwd},
     {"quit", 0, 3, kCmdNoAuth, cmd_quit},
     {"rest", 1, 2, 0, cmd_rest},
     {"retr", 1, 2, 0, cmd_retr},
-    {"rmd", 1, 2, 0, cmd_notimp},
-    {"rnfr", 1, 2, 0, cmd_notimp},
-    {"rnto", 1, 2, 0, cmd_notimp},
-    {"site", 1, 9, 0, cmd_notimp},
-    {"size", 0, 2, 0, cmd_notimp},
+    {"rmd", 1, 2, 0, cmd_rmd},
+    {"rnfr", 1, 2, 0, cmd_rnfr},
+    {"rnto", 1, 2, 0, cmd_rnto},
+    {"site", 1, 9, 0, cmd_site},
+    {"size", 0, 2, 0, cmd_size},
     {"sscn", 1, 2, 0, cmd_sscn},
     {"stat", 0, 2, 0, cmd_stat},
     {"stor", 1, 2, 0, cmd_stor},
@@ -71,11 +72,11 @@ const COMMANDS commands[] = {
     {"syst", 0, 2, kCmdNoAuth, cmd_syst},
     {"type", 1, 2, 0, cmd_type},
     {"user", 1, 9, kCmdNoAuth, cmd_user},
-    {"xcup", 0, 2, 0, cmd_notimp},
-    {"xcwd", 0, 2, 0, cmd_notimp},
-    {"xmkd", 1, 2, 0, cmd_notimp},
-    {"xpwd", 0, 1, 0, cmd_notimp},
-    {"xrmd", 1, 2, 0, cmd_notimp},
+    {"xcup", 0, 2, 0, cmd_cdup},
+    {"xcwd", 0, 2, 0, cmd_cwd},
+    {"xmkd", 1, 2, 0, cmd_mkd},
+    {"xpwd", 0, 1, 0, cmd_pwd},
+    {"xrmd", 1, 2, 0, cmd_rmd},
     {nullptr, 0, 0, 0, nullptr},
 };
 
@@ -176,7 +177,8 @@ void cmd_write(LINK* l, const char* format, ...) {
   // A line end belongs to a reply only as CR LF; a lone CR or LF can only come
   // from client text quoted in the reply.
   for (size_t i = 0; i < s.size(); i++) {
-    if (s[i] == '\n' && (i == 0 || s[i - 1] != '\r')) s[i] = ' ';
+    // A bare newline that ends the whole reply is the format's own (SITE UMASK).
+    if (s[i] == '\n' && i + 1 < s.size() && (i == 0 || s[i - 1] != '\r')) s[i] = ' ';
     if (s[i] == '\r' && (i + 1 >= s.size() || s[i + 1] != '\n')) s[i] = ' ';
   }
   if (l->ipnum != "127.0.0.1") plog(l, "--> %.500s", s.c_str());

@@ -12,6 +12,7 @@
 #include "net/tcp.h"
 #include "net/tls.h"
 #include "server/cmd.h"
+#include "server/cmd_file.h"
 #include "server/link.h"
 #include "server/listing.h"
 #include "server/plog.h"
@@ -71,12 +72,8 @@ int cmd_stru(LINK* l, char** p, int, const char*) {
   return 1;
 }
 
-int cmd_help(LINK* l, char** p, int, const char*) {
-  if (strcasecmp(p[1], "site") == 0) {
-    // SITE HELP comes with the SITE commands.
-    cmd_write(l, "502 %.40s command not implemented\r\n", "SITE HELP");
-    return 1;
-  }
+int cmd_help(LINK* l, char** p, int np, const char*) {
+  if (strcasecmp(p[1], "site") == 0) return cmd_site_help(l, p[2], np);
   static const char* const lines[] = {
       "214-The following commands are recognized (* =>'s unimplemented).\r\n",
       "   USER    PORT    STOR    MSAM*   RNTO    NLST    MKD     CDUP\r\n",

@@ -21,6 +21,7 @@
 #include "net/spawn.h"
 #include "net/tcp.h"
 #include "server/cmd.h"
+#include "server/cmd_file.h"
 #include "server/home.h"
 #include "server/link.h"
 #include "server/passfail.h"
@@ -343,7 +344,7 @@ int cmd_login_banner(LINK* l, const char* extra_msg) {
       cmd_write(l, "230-%.500s\r\n", line.c_str());
     }
   }
-  // The home's .message file comes here with the file commands.
+  cmd_readme(l, 230, ".message");
   cmd_write(l, "230 User %.400s logged in.%s\r\n", l->user.c_str(), msg);
   return 1;
 }
