@@ -20,6 +20,7 @@
 #include "common/mutex.h"
 #include "server/auth_setups.h"
 #include "server/control.h"
+#include "server/daily.h"
 #include "server/home.h"
 #include "server/ini.h"
 #include "server/mex_auths.h"
@@ -111,6 +112,7 @@ int korv_idle(process_data* main_process_info) {
     }
     if (now - last_day_check >= kIdleDaySeconds) {
         last_day_check = now;
+        per_username_settings_idle(now);
         struct tm tmv {};
         localtime_r(&now, &tmv);
         if (remembered_mday < 0) {
@@ -118,6 +120,7 @@ int korv_idle(process_data* main_process_info) {
         } else if (remembered_mday != tmv.tm_mday) {
             remembered_mday = tmv.tm_mday;
             xlog_rotate_all();
+            day_free();
         }
     }
     return 1;

@@ -23,6 +23,7 @@
 #include "net/tls.h"
 #include "server/auth_setups.h"
 #include "server/control.h"
+#include "server/daily.h"
 #include "server/home.h"
 #include "server/idle.h"
 #include "server/ini.h"
@@ -589,8 +590,10 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     mex_shutdown();
     user_shutdown();
     imsg("korvane closing files & any connections etc...\n");
+    if (!unsafe) day_free();
     pass_fail_free();
     if (!unsafe) plog_flush_all();
+    if (!unsafe) remove_user_daily_quota();
     imsg("mutex_exit\n");
     if (shutdown_now.load()) remove("monitor.pid");
     if (!unsafe) {

@@ -26,6 +26,7 @@
 #include "server/link.h"
 #include "server/passfail.h"
 #include "server/plog.h"
+#include "server/quota.h"
 #include "server/threadlist.h"
 #include "server/user.h"
 #include "server/vdir.h"
@@ -73,9 +74,8 @@ int check_limit(LINK* l, const SessionLimit& lim, const std::string& msg) {
   return 0;
 }
 
-// The quota set-up of a fresh login: the quota unit puts cmd_quota_init(l)
-// here. Until then a login carries no quota.
-void login_quota_init(LINK*) {}
+// The quota set-up of a fresh login: the limit, the count, the 230- line.
+void login_quota_init(LINK* l) { cmd_quota_init(l); }
 
 // Module logins, retried while the module itself is failing (for a moment
 // after a restart), at most kModuleRetryMax times within kModuleRetrySecs.

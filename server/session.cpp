@@ -18,6 +18,7 @@
 #include "server/ini.h"
 #include "server/korv.h"
 #include "server/link.h"
+#include "server/quota.h"
 #include "server/threadlist.h"
 
 namespace korv {
@@ -185,7 +186,7 @@ int ftp_main(LINK* l) {
     int minutes = ini_geti(l, INI_LIMIT_TIME);
     l->idle_time_limit = minutes != 0 ? minutes : kIdleDefaultMinutes;
     session_loop(l);
-    // The quota file is written here once quotas exist.
+    cmd_quota_write(l);
   }
   total_remove_user();
   ftp_release_all();

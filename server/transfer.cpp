@@ -29,6 +29,7 @@
 #include "server/ini.h"
 #include "server/link.h"
 #include "server/plog.h"
+#include "server/quota.h"
 #include "server/speed.h"
 #include "server/transfer_ascii.h"
 #include "server/vdir.h"
@@ -94,15 +95,6 @@ struct XferRun {
     return true;
   }
 };
-
-// The session's quota file, which an upload may not overwrite.
-std::string quota_file(LINK* l) {
-  if (!l->utoken) return "NOBODY.korvane_quota";
-  std::string home, real, virt, etext;
-  vdir_gethome_intobf(l, home);
-  if (!vdir_fname(real, virt, l, home, etext)) return "/.korvane_quota";
-  return real + "/.korvane_quota";
-}
 
 // Writes `len` bytes in blocks of block mode, the last one marked when `eof`.
 // The bytes of data written, or less on failure.
@@ -462,7 +454,9 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
     cmd_write(l, "550 Cant figure out alias's (%.500s)\r\n", fname);
     return 0;
   }
-  if (quota_file(l) == realname) {
+  std::string qfile;
+  cmd_quota_file(l, qfile);
+  if (qfile == realname) {
     cmd_write(l, "501 sorry cannot store quota file\r\n");
     return 0;
   }

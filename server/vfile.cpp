@@ -124,21 +124,6 @@ FILE* vfile_open_real(const char* path, const char* mode, int umask) {
   return f;
 }
 
-int vquota_exceeded(Link* l, std::string& message) {
-  if (l->quota == 0) {
-    message = "unlimited";
-    return 0;
-  }
-  long long used = l->quota_was + l->quota_change;
-  message = strfmt("%sk/%sk", i64_to_cstr(used / 1024).c_str(), i64_to_cstr(l->quota / 1024).c_str());
-  return used > l->quota ? 1 : 0;
-}
-
-long long vquota_add(Link* l, long long q) {
-  l->quota_change += q;
-  return l->quota_was + l->quota_change;
-}
-
 int pre_vfopen_check_all(Link* l, std::string_view fname, const char* mode, std::string& etext,
                          std::string& bf, long long* q) {
   *q = 0;

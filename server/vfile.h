@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "server/link.h"
+#include "server/quota.h"  // vquota_exceeded, vquota_add
 
 namespace korv {
 
@@ -76,14 +77,5 @@ int v_file_set_created_time(Link* l, std::string_view fname, time_t dte, std::st
 // No rule: does the virtual name exist, is it a directory. 1 or 0 with `etext`.
 int vexists(Link* l, std::string_view fname, std::string& etext);
 int visdir(Link* l, std::string_view fname, std::string& etext);
-
-// The session's disk quota as the file calls see it: with no limit
-// (`quota` 0) `message` is "unlimited" and the answer 0; otherwise `message`
-// is "<used>k/<limit>k" and the answer 1 when the use is above the limit.
-// The quota work (the file in the home, its rebuild at login) sets `quota`
-// and `quota_was`; until a session has a limit nothing here refuses.
-int vquota_exceeded(Link* l, std::string& message);
-// Adds `q` (negative to credit) to the session's change; returns the use.
-long long vquota_add(Link* l, long long q);
 
 }  // namespace korv
