@@ -17,11 +17,12 @@ namespace {
 
 constexpr time_t kFeb3 = 1580702700;  // 2020-02-03 04:05:00 UTC
 
-// Anonymous sessions: "/" is pub/ (read only) with a.txt, sub/ and a
-// `.message` at the top and in sub/; "/up" is up/ (read and write).
+// Anonymous sessions with a banner: "/" is pub/ (read only) with a.txt, sub/
+// and a `.message` at the top and in sub/; "/up" is up/ (read and write);
+// "*.key" may not be fetched and "*.exe" not uploaded.
 struct Server : KorvServer {
   explicit Server(const std::string& global = "")
-      : KorvServer(basic_config(global) + "\t\tbanner \"Hi\"\n\t\tdir alias=\"/up\" path=\"@HOME@/up\" read=\"true\" write=\"true\"\n") {
+      : KorvServer(basic_config(global) + "\t\tbanner \"Hi\"\n\t\tnoretrieve \"*.key\"\n\t\tnoupload \"*.exe\"\n\t\tdir alias=\"/up\" path=\"@HOME@/up\" read=\"true\" write=\"true\"\n") {
     setenv("TZ", "UTC", 1);  // the server inherits it
     std::filesystem::create_directories(path("pub/sub"));
     std::filesystem::create_directories(path("up"));
@@ -152,6 +153,13 @@ TEST(FileCmd, Rename) {
   h >> text;
   EXPECT_EQ(text, "first");
   EXPECT_TRUE(s.exists("pub/a.txt"));
+
+  // Names the filters hold back may be neither the source nor the target.
+  s.put("up/s.key", "k");
+  EXPECT_EQ(c.cmd("RNFR up/s.key"), "550 up/s.key: Cannot rename file for security reasons\r\n");
+  EXPECT_EQ(c.cmd("RNFR up/h"), "350 File exists, ready for destination name\r\n");
+  EXPECT_EQ(c.cmd("RNTO up/h.exe"), "553 up/h.exe: Sorry rename to noupload file name is not permitted\r\n");
+  EXPECT_TRUE(s.exists("up/h") && s.exists("up/s.key"));
 
   const std::string long_name(398, 'n');
   EXPECT_EQ(c.cmd("RNFR " + long_name), "550 " + long_name + ": Max path length exceeded 398\r\n");
