@@ -97,7 +97,7 @@ TEST(Session, ArgumentRulesLoginGateAndCommandLog) {
       {"ALLO", "500 Insufficient arguments, got 1 need 2\r\n"},
       {"ALLO 100 R 5", "202 ALLO command ignored.\r\n"},  // the rest of the line is one argument
       {"XPWD x", "500 Too many arguments got 2 of 1\r\n"},
-      {"PWD x y", "502 PWD command not implemented\r\n"},
+      {"PWD x y", "257 \"/\" is current directory.\r\n"},
       {"QUIT a b c", "500 Too many arguments got 4 of 3\r\n"},
       {"ABOR 1 2 3 4 5 6 7 8 9 10 11", "225 ABOR command successful.\r\n"},  // words past nine are one
       {"NoOp", "200 NOOP command successful.\r\n"},
