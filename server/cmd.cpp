@@ -17,6 +17,7 @@
 #include "server/cmd_small.h"
 #include "server/cmd_tls.h"
 #include "server/datachan.h"
+#include "server/facts.h"
 #include "server/link.h"
 #include "server/listing.h"
 #include "server/login.h"
@@ -44,8 +45,8 @@ const COMMANDS commands[] = {
     {"mkd", 1, 2, 0, cmd_mkd},
     {"mdtm", 0, 2, 0, cmd_mdtm},
     {"mfmt", 0, 2, 0, cmd_mfmt},
-    {"mlst", 0, 2, 0, cmd_notimp},
-    {"mlsd", 0, 2, 0, cmd_notimp},
+    {"mlst", 0, 2, 0, cmd_mlst},
+    {"mlsd", 0, 2, 0, cmd_mlsd},
     {"mode", 2, 2, 0, cmd_mode},
     {"nlst", 0, 2, 0, cmd_nlst},
     {"noop", 0, 2, 0, cmd_noop},

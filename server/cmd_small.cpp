@@ -12,6 +12,7 @@
 #include "net/tcp.h"
 #include "net/tls.h"
 #include "server/cmd.h"
+#include "server/facts.h"
 #include "server/cmd_file.h"
 #include "server/link.h"
 #include "server/listing.h"
@@ -91,7 +92,8 @@ int cmd_help(LINK* l, char** p, int np, const char*) {
 int cmd_feat(LINK* l, char**, int, const char*) {
   cmd_write(l, "211-Extensions supported:\r\n");
   cmd_write(l, " MDTM\r\n");
-  cmd_write(l, " MLST %.400s\r\n", kFactOptionsDefault);
+  std::string facts;
+  cmd_write(l, " MLST %.400s\r\n", fact_showoptions(l->facts, facts, 1).c_str());
   for (const char* f : {" PASV\r\n", " REST STREAM\r\n", " SSCN\r\n", " SIZE\r\n", " TVFS\r\n",
                         " EPRT\r\n", " EPSV\r\n", " AUTH TLS\r\n", " PBSZ\r\n", " PROT\r\n",
                         " MFMT\r\n"}) {
@@ -141,8 +143,7 @@ int cmd_opts(LINK* l, char** p, int np, const char*) {
     cmd_write(l, "200 fake utf8 enabled\r\n");
     return 1;
   }
-  // OPTS MLST comes with machine listings; until then it is refused like
-  // any other unknown option.
+  if (word == "mlst") return cmd_opts_mlst(l, p[2], np);
   cmd_write(l, "500 OPTS %.40s command not implemented - let us know if you need this\r\n",
             str_upper(word).c_str());
   return 1;

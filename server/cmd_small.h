@@ -10,11 +10,6 @@ inline constexpr int kQuitWaitMs = 300;   // QUIT waits this long for the client
 inline constexpr int kStruArg = 90;       // "%.90s" of the STRU word
 inline constexpr int kFeatFactsArg = 400;  // "%.400s" of the MLST facts in FEAT
 
-// The MLST facts as FEAT shows them (all names, "*" after the enabled ones)
-// until sessions carry their own fact selection.
-inline constexpr const char* kFactOptionsDefault =
-    "type*,size*,modify*,create,unique*,perm,unix.mode,unix.owner,unix.group";
-
 int cmd_noop(LINK* l, char** p, int np, const char* orig);
 int cmd_syst(LINK* l, char** p, int np, const char* orig);
 int cmd_quit(LINK* l, char** p, int np, const char* orig);

@@ -72,6 +72,7 @@ int link_new(Link** ll) {
     l->tick_start = lib_msec_now();
     l->time_open = static_cast<int>(now);
     l->get_accept = static_cast<int>(now);
+    fact_init(l->facts);
     const char* style = ini_get(nullptr, INI_GLOBAL_STYLE);
     if (style != nullptr && strcasecmp(style, "windows") == 0) l->dirstyle = 1;
     {

@@ -12,6 +12,7 @@
 
 #include "base/threads.h"
 #include "net/tcp.h"
+#include "server/facts.h"
 #include "server/ftpio.h"
 #include "server/ini.h"
 #include "server/user.h"
@@ -36,7 +37,7 @@ struct LINK : INILINK {
     UtokenPtr utoken;               // the logged-in user
     Thread* th = nullptr;           // the session's thread; the thread registry owns it
     LineBuf w;                      // the control-line buffer (the web layer's WINK shares its form)
-    // facts: the MLST fact selection comes with machine listings.
+    FACT facts[kFactSlots];         // the MLST fact selection of this session
     long long dailyquota = 0;
     long long quota = 0;
     long long quota_was = 0;

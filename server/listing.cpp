@@ -19,6 +19,7 @@
 #include "net/tcp.h"
 #include "server/cmd.h"
 #include "server/datachan.h"
+#include "server/facts.h"
 #include "server/ini.h"
 #include "server/link.h"
 #include "server/user.h"
@@ -215,10 +216,16 @@ std::vector<WILD_DATA> list_alias_entries(LINK* l, std::string_view xshowname) {
 
 int cmd_list_aliases(LINK* l, Chan* c, std::string_view showname, std::string_view prefix,
                      int ismlst) {
-  if (ismlst) return 0;
   ListOut out(l, c);
   std::string tmp;
-  for (const WILD_DATA& wd : list_alias_entries(l, showname)) {
+  for (WILD_DATA& wd : list_alias_entries(l, showname)) {
+    if (ismlst) {
+      // The 4096 is for the listing line only: the size fact of an alias is 0.
+      wd.size = 0;
+      if (!out.put(strfmt("%.400s %.400s\r\n", fact_show(l->facts, &wd, tmp).c_str(), wd.name.c_str())))
+        break;
+      continue;
+    }
     if (!out.put(dir_format(l, &wd, wd.size, tmp, prefix))) break;
   }
   out.flush();

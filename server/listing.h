@@ -32,9 +32,8 @@ int cmd_list_do(LINK* l, const char* xfname, int usecontrol);
 // modes follow the rule's read and write flags.
 std::vector<WILD_DATA> list_alias_entries(LINK* l, std::string_view showname);
 // Sends those entries to `c` (the control channel goes through the reply
-// path) as listing lines relative to `prefix`. Machine listings (`ismlst`)
-// format them with their facts, which their own unit supplies; here that
-// form sends nothing. The number of lines sent.
+// path) as listing lines relative to `prefix`; machine listings (`ismlst`)
+// as fact lines, sized 0. The number of lines sent.
 int cmd_list_aliases(LINK* l, Chan* c, std::string_view showname, std::string_view prefix,
                      int ismlst);
 

@@ -1,0 +1,58 @@
+// Machine listings: each session's table of MLST facts, the selection OPTS
+// MLST makes, the fact line of one entry, and the MLST (control channel) and
+// MLSD (data channel) handlers.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "base/dirscan.h"
+
+namespace korv {
+
+struct LINK;
+
+inline constexpr int kFactSlots = 11;        // room in a session's table; a null name ends it
+inline constexpr size_t kFactValueMax = 100;  // "name=value" of one fact is cut here
+inline constexpr size_t kFactLineMax = 998;   // all facts of one entry are cut here
+inline constexpr int kFactListParts = 90;     // OPTS MLST reads this many ";" parts
+inline constexpr size_t kFactReasonMax = 100; // the refusal "Invalid option (...)" is cut here
+inline constexpr int kFactShowArg = 400;      // "%.400s" of the facts and the name in a line
+inline constexpr int kMlstPathMax = 398;      // MLST and MLSD refuse names this long or longer
+
+struct FACT {
+  const char* name = nullptr;  // a literal of the table; null ends it
+  int id = 0;
+  int enabled = 0;
+};
+using Fact = FACT;
+
+// Fills `facts` with the nine facts in order ("type" to "unix.group"),
+// "type", "size", "modify" and "unique" enabled, and the end mark.
+void fact_init(FACT* facts);
+// OPTS MLST: `flist` lower-cased and cut at ";" (empty parts ignored); each
+// part must name a fact exactly. 1 with exactly the named facts enabled, or
+// 0 with `reason` set and nothing changed.
+int fact_setoptions(FACT* facts, std::string_view flist, std::string& reason);
+// Names joined by commas: with `showall` all, each enabled one marked "*";
+// otherwise only the enabled ones. Returns `tmp`.
+std::string& fact_showoptions(const FACT* facts, std::string& tmp, int showall);
+// Every fact that has a value for `d`, "name=value;" each, in table order,
+// whatever the selection. Returns `tmp`.
+std::string& fact_show(const FACT* facts, const WILD_DATA* d, std::string& tmp);
+// The value of one fact (empty when it has none). Returns `result`.
+std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& result);
+// "cdeflmp" for a directory; "r" for a file, "radfw" with group write.
+std::string& fact_perm(const WILD_DATA* w, std::string& tmp);
+std::string& bigint_to_str(long long x, std::string& tmp);
+
+// The lock held through MLST's walk of a directory.
+void get_mutex_for_unix_thread_safe_directory_scanning();
+void release_mutex_for_unix_thread_safe_directory_scanning();
+
+int cmd_mlst(LINK* l, char** p, int np, const char* orig);
+int cmd_mlsd(LINK* l, char** p, int np, const char* orig);
+// OPTS MLST with the list `facts` ("" when `np` is 2).
+int cmd_opts_mlst(LINK* l, const char* facts, int np);
+
+}  // namespace korv
