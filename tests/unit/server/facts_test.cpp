@@ -31,7 +31,9 @@ TEST(Facts, SelectionsKeepTableOrderAndRefusalsChangeNothing) {
     std::string reason, tmp;
     EXPECT_EQ(fact_setoptions(facts, k.list, reason), k.ok) << k.list;
     EXPECT_EQ(fact_showoptions(facts, tmp, 0), k.shown) << k.list;
-    if (!k.ok) EXPECT_EQ(reason.rfind("Invalid option (", 0), 0u) << reason;
+    if (!k.ok) {
+      EXPECT_EQ(reason.rfind("Invalid option (", 0), 0u) << reason;
+    }
   }
   FACT facts[kFactSlots];
   fact_init(facts);
