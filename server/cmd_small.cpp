@@ -93,7 +93,7 @@ int cmd_feat(LINK* l, char**, int, const char*) {
   cmd_write(l, "211-Extensions supported:\r\n");
   cmd_write(l, " MDTM\r\n");
   std::string facts;
-  cmd_write(l, " MLST %.400s\r\n", fact_showoptions(l->facts, facts, 1).c_str());
+  cmd_write(l, " MLST %.*s\r\n", kFeatFactsArg, fact_showoptions(l->facts, facts, 1).c_str());
   for (const char* f : {" PASV\r\n", " REST STREAM\r\n", " SSCN\r\n", " SIZE\r\n", " TVFS\r\n",
                         " EPRT\r\n", " EPSV\r\n", " AUTH TLS\r\n", " PBSZ\r\n", " PROT\r\n",
                         " MFMT\r\n"}) {

@@ -366,39 +366,37 @@ int vlib_chmod(Link* l, std::string_view fname, const char* mode, std::string& e
   return 1;
 }
 
-time_t vlib_mtime(Link* l, std::string_view fname, std::string& etext) {
+namespace {
+
+// Stats a plain file under the user's identity; the failure text in etext.
+int stat_plain_file(Link* l, std::string_view fname, std::string& etext, struct stat* st) {
   std::string real;
   if (!translate_test_become(l, fname, "read", real, etext, "Virtual %s")) return 0;
-  struct stat st {};
-  int r = ::stat(real.c_str(), &st);
+  int r = ::stat(real.c_str(), st);
   int err = errno;
   vdir_revert(l);
   if (r != 0) {
     etext = errtext(err);
     return 0;
   }
-  if (!S_ISREG(st.st_mode)) {
+  if (!S_ISREG(st->st_mode)) {
     etext = "Not a plain file";
     return 0;
   }
+  return 1;
+}
+
+}  // namespace
+
+time_t vlib_mtime(Link* l, std::string_view fname, std::string& etext) {
+  struct stat st {};
+  if (!stat_plain_file(l, fname, etext, &st)) return 0;
   return st.st_mtime;
 }
 
 int vlib_file_size(Link* l, std::string_view fname, std::string& etext, long long* filesize) {
-  std::string real;
-  if (!translate_test_become(l, fname, "read", real, etext, "Virtual %s")) return 0;
   struct stat st {};
-  int r = ::stat(real.c_str(), &st);
-  int err = errno;
-  vdir_revert(l);
-  if (r != 0) {
-    etext = errtext(err);
-    return 0;
-  }
-  if (!S_ISREG(st.st_mode)) {
-    etext = "Not a plain file";
-    return 0;
-  }
+  if (!stat_plain_file(l, fname, etext, &st)) return 0;
   *filesize = static_cast<long long>(st.st_size);
   return 1;
 }
