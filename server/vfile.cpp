@@ -64,6 +64,17 @@ int mkdir_mode(const std::string& path, int mode) {
   return 0;
 }
 
+// The last steps shared by the wrappers: back to the server's identity, then
+// 1, or 0 with the system's text for `err` (taken before the revert).
+int revert_with_result(Link* l, int r, int err, std::string& etext) {
+  vdir_revert(l);
+  if (r != 0) {
+    etext = errtext(err);
+    return 0;
+  }
+  return 1;
+}
+
 // The first steps shared by the rule-tested wrappers: translation, the rule
 // word, impersonation. 1 with `real` set and the identity switched (the
 // caller reverts), or 0 with `etext` and nothing to revert.
@@ -224,13 +235,7 @@ int vfclose(Link* l, FilePtr& f, std::string& etext) {
     return 0;
   }
   int r = std::fclose(f.release());
-  int err = errno;
-  vdir_revert(l);
-  if (r != 0) {
-    etext = errtext(err);
-    return 0;
-  }
-  return 1;
+  return revert_with_result(l, r, errno, etext);
 }
 
 int vrename(Link* l, std::string_view f1, std::string_view f2, std::string& etext) {
@@ -252,13 +257,7 @@ int vrename(Link* l, std::string_view f1, std::string_view f2, std::string& etex
   }
   imsg("rename (%.100s) (%.100s)\n", r1.c_str(), r2.c_str());
   int r = std::rename(r1.c_str(), r2.c_str());
-  int err = errno;
-  vdir_revert(l);
-  if (r != 0) {
-    etext = errtext(err);
-    return 0;
-  }
-  return 1;
+  return revert_with_result(l, r, errno, etext);
 }
 
 int vremove(Link* l, std::string_view fname, std::string& etext) {
@@ -282,13 +281,7 @@ int vrmdir(Link* l, std::string_view fname, std::string& etext) {
   std::string real;
   if (!translate_test_become(l, fname, "del", real, etext, "access denied (korvane setting)")) return 0;
   int r = ::rmdir(real.c_str());
-  int err = errno;
-  vdir_revert(l);
-  if (r != 0) {
-    etext = errtext(err);
-    return 0;
-  }
-  return 1;
+  return revert_with_result(l, r, errno, etext);
 }
 
 int vmkdir(Link* l, std::string_view fname, std::string& etext) { return do_vmkdir(l, fname, etext, 0); }
@@ -357,13 +350,7 @@ int vlib_chmod(Link* l, std::string_view fname, const char* mode, std::string& e
   if (!translate_test_become(l, fname, "write", real, etext, "Virtual %s")) return 0;
   imsg("chmod (%s) (%o)\n", real.c_str(), m);
   int r = lib_chmod(real.c_str(), static_cast<int>(m));
-  int err = errno;
-  vdir_revert(l);
-  if (r != 0) {
-    etext = errtext(err);
-    return 0;
-  }
-  return 1;
+  return revert_with_result(l, r, errno, etext);
 }
 
 namespace {
