@@ -40,8 +40,9 @@ fetch() {
     command -v apt-get >/dev/null || die "apt-get is needed to fetch the peers"
     mkdir -p "$DIR/debs" "$ROOT"
     # apt's download user cannot write into a root-owned build tree; the files stay ours either way.
-    (cd "$DIR/debs" && apt-get download $PACKAGES 2>&1 | grep -v "^W: Download is performed unsandboxed" ||
-        { apt-get update >/dev/null && apt-get download $PACKAGES; })
+    # apt's progress goes to stderr: stdout carries only the "name port pid" lines callers parse.
+    (cd "$DIR/debs" && apt-get download $PACKAGES 2>&1 | grep -v "^W: Download is performed unsandboxed" >&2 ||
+        { apt-get update >/dev/null && apt-get download $PACKAGES >&2; })
     for deb in "$DIR"/debs/*.deb; do dpkg -x "$deb" "$ROOT"; done
     local missing
     for bin in vsftpd pure-ftpd proftpd; do
