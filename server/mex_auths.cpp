@@ -77,24 +77,25 @@ std::atomic<int> g_restart{0};
 std::atomic<int> g_timeout{kMexRequestTimeout};
 std::mutex g_admin;  // start, stop and the making of rows, one at a time
 
-__attribute__((format(printf, 1, 2))) void ilog(const char* format, ...) {
-    MexMsgFn f = g_imsg.load();
+// Sends a formatted line to the log function the server gave mex_init, if any.
+__attribute__((format(printf, 2, 0))) void log_to(MexMsgFn f, const char* format, va_list ap) {
     if (!f) return;
-    va_list ap;
-    va_start(ap, format);
     std::string s = vstrfmt(format, ap);
-    va_end(ap);
     f("%s", s.c_str());
 }
 
-__attribute__((format(printf, 1, 2))) void elog(const char* format, ...) {
-    MexMsgFn f = g_emsg.load();
-    if (!f) return;
+__attribute__((format(printf, 1, 2))) void ilog(const char* format, ...) {
     va_list ap;
     va_start(ap, format);
-    std::string s = vstrfmt(format, ap);
+    log_to(g_imsg.load(), format, ap);
     va_end(ap);
-    f("%s", s.c_str());
+}
+
+__attribute__((format(printf, 1, 2))) void elog(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    log_to(g_emsg.load(), format, ap);
+    va_end(ap);
 }
 
 std::string cut(std::string s, size_t n) {
