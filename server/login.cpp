@@ -83,9 +83,7 @@ int login_with_retries(LINK* l, const std::string& domain, const std::string& na
                        std::string& result) {
   const time_t started = time(nullptr);
   for (int attempt = 1;; attempt++) {
-    user_root_start();
     int ok = user_login_generic(domain.c_str(), name.c_str(), pass, l->utoken, result, l->ipnum.c_str());
-    user_root_end();
     if (ok) return 1;
     if (result.compare(0, strlen(kExternalFailed), kExternalFailed) != 0 || attempt >= kModuleRetryMax ||
         time(nullptr) - started > kModuleRetrySecs)

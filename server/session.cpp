@@ -20,6 +20,7 @@
 #include "server/link.h"
 #include "server/quota.h"
 #include "server/threadlist.h"
+#include "server/vdir.h"
 
 namespace korv {
 namespace {
@@ -187,6 +188,12 @@ int ftp_main(LINK* l) {
     l->idle_time_limit = minutes != 0 ? minutes : kIdleDefaultMinutes;
     session_loop(l);
     cmd_quota_write(l);
+  }
+  // A pooled thread must not carry this user's identity into its next session.
+  if (l->impersonate > 0) {
+    emsg("Session ended under the user's identity (depth %d)\n", l->impersonate);
+    l->impersonate = 1;
+    vdir_revert(l);
   }
   total_remove_user();
   ftp_release_all();

@@ -1,6 +1,6 @@
 // The login engine: tokens, the entry for every login with its lower-case
 // retries, logins through a module (cache first), the reading of a module's
-// answer into a token, and the switch of the process's effective identity.
+// answer into a token, and the switch of a session thread's effective identity.
 #include "server/user.h"
 
 #include <grp.h>
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/fmt.h"
+#include "base/identity.h"
 #include "base/str.h"
 #include "base/tokens.h"
 #include "base/wild.h"
@@ -291,19 +292,18 @@ int user_impersonate(const Utoken* u) {
     imsg("impersonate not enabled\n");
     return 1;
   }
-  // Held until user_revert, also on failure: the effective identity is one
-  // per process, so while one session works as a user all others wait.
-  mutex_wait(MUTEX_SETEGID);
-  if (setegid(static_cast<gid_t>(u->gid)) != 0) {
+  // Only this thread changes identity (base/identity.h): other sessions keep
+  // their own and need not wait.
+  if (thread_setegid(static_cast<gid_t>(u->gid)) != 0) {
     emsg("Setegid failed user=%d %.500s\n", u->gid, errtext(errno).c_str());
     return 0;
   }
-  if (!u->user.empty() && initgroups(u->user.c_str(), static_cast<gid_t>(u->gid)) != 0) {
+  if (!u->user.empty() && thread_initgroups(u->user.c_str(), static_cast<gid_t>(u->gid)) != 0) {
     emsg("initgroups failed user=%s group=%d %.500s\n", u->user.c_str(), u->gid,
          errtext(errno).c_str());
     return 0;
   }
-  if (seteuid(static_cast<uid_t>(u->uid)) != 0) {
+  if (thread_seteuid(static_cast<uid_t>(u->uid)) != 0) {
     emsg("Seteuid failed user=%d %.500s\n", u->uid, errtext(errno).c_str());
     return 0;
   }
@@ -312,23 +312,12 @@ int user_impersonate(const Utoken* u) {
 
 int user_revert(const Utoken* u) {
   if (u == nullptr) return 1;
-  if (seteuid(0) != 0) emsg("Seteuid restore failed was %d %.500s\n", u->uid, errtext(errno).c_str());
-  if (setegid(0) != 0) emsg("Setegid restore failed was %d %.500s\n", u->gid, errtext(errno).c_str());
-  if (initgroups("root", 0) != 0) {
+  if (thread_seteuid(0) != 0) emsg("Seteuid restore failed was %d %.500s\n", u->uid, errtext(errno).c_str());
+  if (thread_setegid(0) != 0) emsg("Setegid restore failed was %d %.500s\n", u->gid, errtext(errno).c_str());
+  if (thread_initgroups("root", 0) != 0) {
     emsg("initgroups failed user=%d %.500s\n", u->uid, errtext(errno).c_str());
-    return 0;  // SETEGID stays held
+    return 0;
   }
-  mutex_release(MUTEX_SETEGID);
-  return 1;
-}
-
-int user_root_start() {
-  mutex_wait(MUTEX_SETEGID);
-  return 1;
-}
-
-int user_root_end() {
-  mutex_release(MUTEX_SETEGID);
   return 1;
 }
 

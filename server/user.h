@@ -1,6 +1,6 @@
 // The logged-in identity (UTOKEN) and the login engine: system logins, logins
 // through an authentication module with the cache of good answers, the
-// reading of a module's answer into a token, and the switch of the process's
+// reading of a module's answer into a token, and the switch of a session thread's
 // effective identity around file work.
 #pragma once
 
@@ -89,13 +89,11 @@ int user_has_group_membership(const Utoken* user, const char* groupname);
 // as it was.
 int user_become(UtokenPtr& uu, const char* user, std::string& reason);
 
-// Takes SETEGID and switches the effective identity to `u`'s; the lock stays
-// held (also on failure) until user_revert. Null `u` does nothing.
+// Switches the calling thread's effective identity to `u`'s; other threads
+// keep theirs. Null `u` does nothing. user_revert goes back to root, also
+// after a failed switch.
 int user_impersonate(const Utoken* u);
 int user_revert(const Utoken* u);
-// SETEGID alone, for work that must run as root with no user active.
-int user_root_start();
-int user_root_end();
 
 // `home`, or "/home/users" for null.
 const char* user_home(const Utoken* u);

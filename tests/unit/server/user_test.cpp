@@ -9,8 +9,12 @@
 
 #include <crypt.h>
 
+#include <algorithm>
+#include <condition_variable>
 #include <fstream>
 #include <map>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "base/fmt.h"
@@ -381,20 +385,52 @@ TEST_F(SystemLogin, PasswordShellExpiryAndGroups) {
   EXPECT_EQ(log.find("secret"), std::string::npos);  // no password in the log
 }
 
-TEST_F(SystemLogin, ImpersonationSwitchesTheEffectiveIdentityUnderTheLock) {
+// The switch is the calling thread's alone: another session's thread stays
+// root meanwhile, and the user's groups replace root's until the revert.
+TEST_F(SystemLogin, ImpersonationChangesOnlyTheCallingThread) {
   UtokenPtr u;
   std::string reason;
   ASSERT_EQ(user_become(u, name_.c_str(), reason), 1);
+  ASSERT_NE(u->uid, 0);
   ASSERT_EQ(user_impersonate(u.get()), 1);
   EXPECT_EQ(static_cast<int>(geteuid()), u->uid);
   EXPECT_EQ(static_cast<int>(getegid()), u->gid);
-  EXPECT_EQ(mutex_depth(MUTEX_SETEGID), 1);
+  gid_t groups[64];
+  int n = getgroups(64, groups);
+  ASSERT_GT(n, 0);
+  EXPECT_NE(std::find(groups, groups + n, static_cast<gid_t>(u->gid)), groups + n);
+  EXPECT_EQ(std::find(groups, groups + n, static_cast<gid_t>(0)), groups + n);  // root's group is gone
   EXPECT_EQ(user_revert(u.get()), 1);
   EXPECT_EQ(geteuid(), 0u);
   EXPECT_EQ(getegid(), 0u);
-  EXPECT_EQ(mutex_holder(MUTEX_SETEGID), -1);
   EXPECT_EQ(user_impersonate(nullptr), 1);  // nothing to switch to
-  EXPECT_EQ(mutex_holder(MUTEX_SETEGID), -1);
+}
+
+TEST_F(SystemLogin, ImpersonationLeavesOtherThreadsRoot) {
+  UtokenPtr u;
+  std::string reason;
+  ASSERT_EQ(user_become(u, name_.c_str(), reason), 1);
+  std::mutex m;
+  std::condition_variable cv;
+  int step = 0;
+  uid_t seen = 1;
+  std::thread other([&] {
+    std::unique_lock<std::mutex> hold(m);
+    cv.wait(hold, [&] { return step == 1; });
+    seen = geteuid();
+    step = 2;
+    cv.notify_all();
+  });
+  ASSERT_EQ(user_impersonate(u.get()), 1);
+  {
+    std::unique_lock<std::mutex> hold(m);
+    step = 1;
+    cv.notify_all();
+    cv.wait(hold, [&] { return step == 2; });
+  }
+  EXPECT_EQ(user_revert(u.get()), 1);
+  other.join();
+  EXPECT_EQ(seen, 0u);
 }
 
 }  // namespace
