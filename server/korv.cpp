@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "base/dalloc.h"
 #include "base/fmt.h"
@@ -53,6 +54,7 @@ namespace {
 constexpr int kWebWaitMs = 200;    // the main loop's longest wait: the period of the idle tick
 constexpr int kFtpWaitMs = 1000;   // the FTP acceptor's longest wait (it is woken for flags)
 constexpr int kCertDays = 3650;    // life of the self-signed certificate of a first start
+constexpr size_t kAcceptBurst = 1024;  // connections taken off a listener before their sessions start
 
 std::atomic<int> port{21};
 std::atomic<int> mgrport{7021};
@@ -93,14 +95,62 @@ void add_fd_to_wait(WaitList** wl, int* fd, WaitFn fn) {
 
 int session_thread(void* l) { return ftp_main(static_cast<LINK*>(l)); }
 
+// 1 if the failed accept only found nothing waiting.
+bool nothing_pending(Chan* c) {
+    int e = c->tcp->ErrorCode;
+    return e == EAGAIN || e == EWOULDBLOCK || e == EINTR || e == ECONNABORTED;
+}
+
+// Takes one pending connection off the listener into `c`; false when none is left.
+bool accept_one(Chan_List* itm, ChanPtr& c) {
+    c = tcp_new_owned();
+    if (tcp_accept(itm->c, c.get())) return true;
+    if (!nothing_pending(c.get())) imsg("Accept failed %s", tcp_error(c.get()).c_str());
+    return false;
+}
+
+// Gives an accepted connection its session record and a thread. 1 when the session started.
+int start_session(Chan_List* itm, ChanPtr c, time_t accepted) {
+    tcp_set_nodelay(c.get(), 1);
+    Link* l = nullptr;
+    if (!link_new(&l)) {
+        emsg("Link_new failed\n");
+        tcp_printf(c.get(), "500 cannot allocate resources for this FTP connection, try again in a minute.\r\n");
+        return 0;
+    }
+    char myip[64] = {}, rmtip[64] = {};
+    unsigned short lcl = 0;
+    tcp_getipandports(c.get(), myip, &lcl, rmtip, nullptr);
+    l->myip = myip;
+    l->ipnum = rmtip;
+    if (l->myip.empty() || l->myip == "0.0.0.0")
+        imsg("Got bad ip info on incoming connection (%s)\r\n", l->myip.c_str());
+    else
+        dmsg("Connection on %s:%d\r\n", l->myip.c_str(), lcl);
+    l->c = std::move(c);
+    l->user.clear();
+    l->get_accept = static_cast<int>(accepted);
+    l->ssl_implicit = itm->autostartssl;
+    if (main_new_reuse_thread(session_thread, l, nullptr, itm->strid)) return 1;
+    tcp_printf(l->c.get(), "500 cannot allocate resources for this HTTP connection, try again in a minute.\r\n");
+    korvane_restart("Server running out of resources, try to free some up by restarting");
+    link_free(&l);
+    return 0;
+}
+
 // The listener callbacks: every pending connection is accepted at once, the
 // loop's lock held while they are handed over.
 int accept_all_ftp(void* p) {
     Chan_List* itm = static_cast<Chan_List*>(p);
     MutexHold hold(MUTEX_LOOP);
     mutex_info_set(MUTEX_LOOP, "loop3");
-    while (try_accept_connection(itm) > 0 && !shutdown_now.load()) {
-    }
+    // The listener's queue is emptied before any session starts: a burst of
+    // connections would otherwise wait behind thread starts and overflow it.
+    std::vector<ChanPtr> burst;
+    const time_t accepted = time(nullptr);
+    for (ChanPtr c; burst.size() < kAcceptBurst && !shutdown_now.load() && accept_one(itm, c);)
+        burst.push_back(std::move(c));
+    for (ChanPtr& c : burst) start_session(itm, std::move(c), accepted);
     return 1;
 }
 
@@ -111,12 +161,6 @@ int accept_all_web(void* p) {
     while (try_accept_connection_no_threads(itm) > 0 && !shutdown_now.load()) {
     }
     return 1;
-}
-
-// 1 if the failed accept only found nothing waiting.
-bool nothing_pending(Chan* c) {
-    int e = c->tcp->ErrorCode;
-    return e == EAGAIN || e == EWOULDBLOCK || e == EINTR || e == ECONNABORTED;
 }
 
 struct LAH_INFO {
@@ -237,36 +281,9 @@ int bind_add_address(const char* connection_type, Chan_List** clist, WaitFn func
 
 int try_accept_connection(Chan_List* itm) {
     time_t accepted = time(nullptr);
-    ChanPtr c = tcp_new_owned();
-    if (!tcp_accept(itm->c, c.get())) {
-        if (!nothing_pending(c.get())) imsg("Accept failed %s", tcp_error(c.get()).c_str());
-        return 0;
-    }
-    tcp_set_nodelay(c.get(), 1);
-    Link* l = nullptr;
-    if (!link_new(&l)) {
-        emsg("Link_new failed\n");
-        tcp_printf(c.get(), "500 cannot allocate resources for this FTP connection, try again in a minute.\r\n");
-        return 0;
-    }
-    char myip[64] = {}, rmtip[64] = {};
-    unsigned short lcl = 0;
-    tcp_getipandports(c.get(), myip, &lcl, rmtip, nullptr);
-    l->myip = myip;
-    l->ipnum = rmtip;
-    if (l->myip.empty() || l->myip == "0.0.0.0")
-        imsg("Got bad ip info on incoming connection (%s)\r\n", l->myip.c_str());
-    else
-        dmsg("Connection on %s:%d\r\n", l->myip.c_str(), lcl);
-    l->c = std::move(c);
-    l->user.clear();
-    l->get_accept = static_cast<int>(accepted);
-    l->ssl_implicit = itm->autostartssl;
-    if (main_new_reuse_thread(session_thread, l, nullptr, itm->strid)) return 1;
-    tcp_printf(l->c.get(), "500 cannot allocate resources for this HTTP connection, try again in a minute.\r\n");
-    korvane_restart("Server running out of resources, try to free some up by restarting");
-    link_free(&l);
-    return 0;
+    ChanPtr c;
+    if (!accept_one(itm, c)) return 0;
+    return start_session(itm, std::move(c), accepted);
 }
 
 int try_accept_connection_no_threads(Chan_List* itm) {
