@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <string>
-#include <vector>
 
 #include "base/dalloc.h"
 #include "base/fmt.h"
@@ -144,13 +144,17 @@ int accept_all_ftp(void* p) {
     Chan_List* itm = static_cast<Chan_List*>(p);
     MutexHold hold(MUTEX_LOOP);
     mutex_info_set(MUTEX_LOOP, "loop3");
-    // The listener's queue is emptied before any session starts: a burst of
-    // connections would otherwise wait behind thread starts and overflow it.
-    std::vector<ChanPtr> burst;
-    const time_t accepted = time(nullptr);
-    for (ChanPtr c; burst.size() < kAcceptBurst && !shutdown_now.load() && accept_one(itm, c);)
-        burst.push_back(std::move(c));
-    for (ChanPtr& c : burst) start_session(itm, std::move(c), accepted);
+    // The listener's queue is emptied before each session starts: in a burst
+    // of connections, thread starts between accepts would let it overflow,
+    // and every dropped SYN costs its client a second.
+    std::deque<ChanPtr> burst;
+    while (!shutdown_now.load()) {
+        for (ChanPtr c; burst.size() < kAcceptBurst && accept_one(itm, c);) burst.push_back(std::move(c));
+        if (burst.empty()) break;
+        ChanPtr next = std::move(burst.front());
+        burst.pop_front();
+        start_session(itm, std::move(next), time(nullptr));
+    }
     return 1;
 }
 
