@@ -217,7 +217,6 @@ int user_login_generic_real(const char* xdomain, const char* xuser, const char* 
     if (isspawn(domain.c_str())) {
       ok = user_spawn_login(domain.c_str(), user.c_str(), p, utoken, result);
     } else {
-      MutexHold hold(MUTEX_PASSWORD);
       ok = user_login(domain.c_str(), user.c_str(), p, utoken, result);
     }
     if (ok) break;

@@ -1,6 +1,7 @@
 // System logins: the shadow entry (or the passwd entry when shadow is not
 // readable), expiry, the shell list and the password hash; and the account
-// lookups. All libc calls here are the reentrant forms, or run under PASSWORD.
+// lookups. All libc calls here are the reentrant forms, or run under PASSWORD
+// where the C library keeps one stream for the process.
 #include "server/user_system.h"
 
 #include <crypt.h>
@@ -71,7 +72,7 @@ int lookup_shadow(const char* user, Shadow& out, int* err) {
 }
 
 // Is `shell` one of the login shells of /etc/shells? getusershell keeps one
-// stream for the process; PASSWORD, which the caller holds, serialises it.
+// stream for the process; the caller holds PASSWORD.
 bool shell_listed(const std::string& shell) {
   bool found = false;
   setusershell();
@@ -102,7 +103,9 @@ int user_login(const char* domain, const char* user, const char* pass, UtokenPtr
     return 0;
   }
   if (user == nullptr) user = "";
-  MutexHold hold(MUTEX_PASSWORD);
+  // The entries come through the reentrant calls and crypt_rn, so logins run
+  // side by side on every core; PASSWORD guards only the shared streams of
+  // the shell list and the group walk.
   int uid = 0, gid = 0;
   std::string dir, shell, hash;
   Shadow sh;
@@ -157,7 +160,12 @@ int user_login(const char* domain, const char* user, const char* pass, UtokenPtr
     imsg("No shell for (%.500s) \n", user);
     return 0;
   }
-  if (!shell_listed(shell)) {
+  bool listed;
+  {
+    MutexHold hold(MUTEX_PASSWORD);
+    listed = shell_listed(shell);
+  }
+  if (!listed) {
     imsg("Shell not found in /etc/shells (%s)\n", shell.c_str());
     return 0;
   }
