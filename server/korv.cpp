@@ -3,6 +3,7 @@
 #include "server/korv.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <deque>
 #include <string>
 
 #include "base/dalloc.h"
@@ -33,6 +33,7 @@
 #include "server/passfail.h"
 #include "server/plog.h"
 #include "server/session.h"
+#include "server/starter.h"
 #include "server/threadlist.h"
 #include "server/user.h"
 #include "server/vdir_path.h"
@@ -54,7 +55,7 @@ namespace {
 constexpr int kWebWaitMs = 200;    // the main loop's longest wait: the period of the idle tick
 constexpr int kFtpWaitMs = 1000;   // the FTP acceptor's longest wait (it is woken for flags)
 constexpr int kCertDays = 3650;    // life of the self-signed certificate of a first start
-constexpr size_t kAcceptBurst = 1024;  // connections taken off a listener before their sessions start
+constexpr int kAcceptorNice = -10;  // the FTP acceptor thread's scheduling priority
 
 std::atomic<int> port{21};
 std::atomic<int> mgrport{7021};
@@ -110,7 +111,8 @@ bool accept_one(Chan_List* itm, ChanPtr& c) {
 }
 
 // Gives an accepted connection its session record and a thread. 1 when the session started.
-int start_session(Chan_List* itm, ChanPtr c, time_t accepted) {
+int start_session(Accepted&& a) {
+    ChanPtr c = std::move(a.c);
     tcp_set_nodelay(c.get(), 1);
     Link* l = nullptr;
     if (!link_new(&l)) {
@@ -129,32 +131,43 @@ int start_session(Chan_List* itm, ChanPtr c, time_t accepted) {
         dmsg("Connection on %s:%d\r\n", l->myip.c_str(), lcl);
     l->c = std::move(c);
     l->user.clear();
-    l->get_accept = static_cast<int>(accepted);
-    l->ssl_implicit = itm->autostartssl;
-    if (main_new_reuse_thread(session_thread, l, nullptr, itm->strid)) return 1;
+    l->get_accept = static_cast<int>(a.at);
+    l->ssl_implicit = a.autossl;
+    if (main_new_reuse_thread(session_thread, l, nullptr, a.strid)) return 1;
     tcp_printf(l->c.get(), "500 cannot allocate resources for this HTTP connection, try again in a minute.\r\n");
     korvane_restart("Server running out of resources, try to free some up by restarting");
     link_free(&l);
     return 0;
 }
 
+void start_accepted(Accepted&& a) { start_session(std::move(a)); }
+
+// The FTP acceptor runs ahead of the sessions while it listens: it only takes
+// connections off the listener, and while it waits for a processor a burst
+// overflows the queue. Without the right to raise it, it stays as it is. The
+// starter thread is made before, so it and the sessions it starts keep the
+// normal priority; the pooled thread gets it back when the acceptor ends.
+struct AcceptorPriority {
+    bool raised;
+    explicit AcceptorPriority(bool on) : raised(on && setpriority(PRIO_PROCESS, 0, kAcceptorNice) == 0) {}
+    ~AcceptorPriority() {
+        if (raised) setpriority(PRIO_PROCESS, 0, 0);
+    }
+    AcceptorPriority(const AcceptorPriority&) = delete;
+    AcceptorPriority& operator=(const AcceptorPriority&) = delete;
+};
+
 // The listener callbacks: every pending connection is accepted at once, the
-// loop's lock held while they are handed over.
+// loop's lock held while they are handed over. FTP sessions start on the
+// listener's SessionStarter (its parameter), so that the queue is emptied at
+// the pace of accept alone.
 int accept_all_ftp(void* p) {
     Chan_List* itm = static_cast<Chan_List*>(p);
+    auto* starter = static_cast<SessionStarter*>(itm->parameter);
     MutexHold hold(MUTEX_LOOP);
     mutex_info_set(MUTEX_LOOP, "loop3");
-    // The listener's queue is emptied before each session starts: in a burst
-    // of connections, thread starts between accepts would let it overflow,
-    // and every dropped SYN costs its client a second.
-    std::deque<ChanPtr> burst;
-    while (!shutdown_now.load()) {
-        for (ChanPtr c; burst.size() < kAcceptBurst && accept_one(itm, c);) burst.push_back(std::move(c));
-        if (burst.empty()) break;
-        ChanPtr next = std::move(burst.front());
-        burst.pop_front();
-        start_session(itm, std::move(next), time(nullptr));
-    }
+    for (ChanPtr c; !shutdown_now.load() && accept_one(itm, c);)
+        starter->push(Accepted{std::move(c), itm->autostartssl, itm->strid, time(nullptr)});
     return 1;
 }
 
@@ -287,7 +300,7 @@ int try_accept_connection(Chan_List* itm) {
     time_t accepted = time(nullptr);
     ChanPtr c;
     if (!accept_one(itm, c)) return 0;
-    return start_session(itm, std::move(c), accepted);
+    return start_session(Accepted{std::move(c), itm->autostartssl, itm->strid, accepted});
 }
 
 int try_accept_connection_no_threads(Chan_List* itm) {
@@ -329,6 +342,10 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
     imsg("listen_accept_handler - starting, doftp=%d\n", do_ftp_channels);
     MutexHold hold(loop_lock);
     mutex_info_set(loop_lock, "loop1");
+    // Outlives the listener list: its queue holds no reference to it.
+    std::unique_ptr<SessionStarter> starter;
+    if (ftp) starter = std::make_unique<SessionStarter>(start_accepted);
+    AcceptorPriority priority(ftp);
     Chan_List* list = nullptr;
     WaitList* wl = nullptr;
     auto failed = [&]() {
@@ -368,7 +385,7 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
             if (ftp_port_active.load()) {
                 ftp_activated = true;
                 ++tries;
-                if (bind_add_address("for FTP", &list, accept_all_ftp, nullptr, 0, addr.c_str(), port.load(), 1, tmp)) {
+                if (bind_add_address("for FTP", &list, accept_all_ftp, starter.get(), 0, addr.c_str(), port.load(), 1, tmp)) {
                     ++good;
                     imsg("Bind for main ftp port seemed ok\n");
                 } else {
@@ -377,7 +394,7 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
             }
             if (implicit_port >= 1 && ftp_activated) {
                 ++tries;
-                if (bind_add_address("for implicit FTP", &list, accept_all_ftp, nullptr, 1, addr.c_str(), implicit_port,
+                if (bind_add_address("for implicit FTP", &list, accept_all_ftp, starter.get(), 1, addr.c_str(), implicit_port,
                                      1, tmp))
                     ++good;
             }
