@@ -47,20 +47,39 @@ int ms_left(Clock::time_point end) {
     return d > 0 ? static_cast<int>(d) : 0;
 }
 
-// A port that nobody listens on now, on every interface.
-int free_port() {
+// Binds `port` (0: any) on every interface; the port bound, or 0.
+int try_port(int port) {
     int s = ::socket(AF_INET, SOCK_STREAM, 0);
     if (s < 0) return 0;
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_ANY);
+    a.sin_port = htons(static_cast<unsigned short>(port));
     socklen_t len = sizeof a;
-    int port = 0;
+    int got = 0;
     if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
         ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
+        got = ntohs(a.sin_port);
     ::close(s);
-    return port;
+    return got;
+}
+
+// A port that nobody listens on now, on every interface.
+int free_port() { return try_port(0); }
+
+// The FTP port: active data connections leave from the port below it, so both
+// must be free, and both lie above the ephemeral range, where the client
+// sockets of tests running alongside cannot take them in the meantime.
+int free_ftp_port() {
+    constexpr int kLow = 61002, kHigh = 65535;  // the default ephemeral range ends at 60999
+    std::random_device rd;
+    std::mt19937 gen(rd());
+    std::uniform_int_distribution<int> pick(kLow, kHigh);
+    for (int tries = 0; tries < 200; tries++) {
+        int p = pick(gen);
+        if (try_port(p) == p && try_port(p - 1) == p - 1) return p;
+    }
+    return free_port();
 }
 
 std::string read_file(const std::string& path) {
@@ -135,7 +154,7 @@ KorvServer::KorvServer(std::string config, std::string binary)
     : binary_(std::move(binary)), config_(std::move(config)) {
     dir_ = make_lower_temp_dir("korv-e2e-");
     EXPECT_FALSE(dir_.empty()) << "cannot make a temporary directory";
-    ftp_port_ = free_port();
+    ftp_port_ = free_ftp_port();
     implicit_port_ = free_port();
     mgr_port_ = free_port();
     mgr_ssl_port_ = free_port();
