@@ -51,9 +51,14 @@ Figure& no(Figure& f, const std::string& why) {
     return f;
 }
 
+// Waits, untimed, until the disk has taken every dirty page. A server that took an upload into
+// the page cache faster would otherwise pay for its own speed with writeback during the next figure.
+void settle() { ::sync(); }
+
 // One timed transfer in MB/s (10^6 bytes a second): STOR when `up`, else RETR of the same name.
 Figure transfer(FtpConn& c, const char* key, const std::string& name, bool up, long long bytes) {
     Figure f = figure(key, name, "MB/s");
+    settle();
     auto t0 = Clock::now();
     long long n = up ? c.stor(kBigName, bytes) : c.retr(kBigName);
     double s = secs_since(t0);
@@ -298,6 +303,7 @@ std::vector<Figure> ftpload_run(const LoadOpts& o) {
             return false;
         }));
     }
+    settle();
     out.push_back(timed_parallel("conc_stor_s", strfmt("%d concurrent clients (STOR %lldM file)", n, o.conc_mib), n,
                                  [&](int i, std::string& why) {
                                      FtpConn& c = *cl[static_cast<size_t>(i)];
@@ -312,6 +318,7 @@ std::vector<Figure> ftpload_run(const LoadOpts& o) {
                                  }));
     cl.clear();
 
+    settle();
     Figure sps = figure("sessions_per_s", "sessions per second (connect, login, QUIT)", "sess/s");
     {
         int count = 0;
@@ -327,6 +334,7 @@ std::vector<Figure> ftpload_run(const LoadOpts& o) {
         }
         out.push_back(why.empty() ? set(sps, count / secs_since(t0)) : no(sps, why));
     }
+    settle();
     noop_figures(out, probe, o.noops);
     if (o.with_tls) tls_figures(out, o);
 
