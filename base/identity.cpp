@@ -48,6 +48,37 @@ struct GroupsCache {
   gid_t gid = 0;
   time_t at = 0;
   std::vector<gid_t> list;
+
+  bool fresh(const char* u, gid_t g, time_t now) const {
+    return user == u && gid == g && now >= at && now - at <= kGroupsTtl;
+  }
+};
+
+// Two lists per thread: a session switches between its user and root, and
+// each switch would otherwise read the group database again.
+struct ThreadGroups {
+  GroupsCache slot[2];
+  int older = 0;
+
+  const std::vector<gid_t>* find(const char* user, gid_t gid) {
+    const time_t now = time(nullptr);
+    for (int i = 0; i < 2; i++) {
+      if (slot[i].fresh(user, gid, now)) {
+        older = 1 - i;
+        return &slot[i].list;
+      }
+    }
+    GroupsCache& c = slot[older];
+    if (!read_grouplist(user, gid, c.list)) {
+      c.user.clear();
+      return nullptr;
+    }
+    c.user = user;
+    c.gid = gid;
+    c.at = now;
+    older = 1 - older;
+    return &c.list;
+  }
 };
 
 }  // namespace
@@ -61,19 +92,13 @@ int thread_seteuid(uid_t uid) {
 }
 
 int thread_initgroups(const char* user, gid_t gid) {
-  thread_local GroupsCache cache;
-  const time_t now = time(nullptr);
-  if (cache.user != user || cache.gid != gid || now - cache.at > kGroupsTtl || now < cache.at) {
-    if (!read_grouplist(user, gid, cache.list)) {
-      cache.user.clear();
-      errno = EINVAL;
-      return -1;
-    }
-    cache.user = user;
-    cache.gid = gid;
-    cache.at = now;
+  thread_local ThreadGroups groups;
+  const std::vector<gid_t>* list = groups.find(user, gid);
+  if (list == nullptr) {
+    errno = EINVAL;
+    return -1;
   }
-  return static_cast<int>(syscall(kSetgroups, cache.list.size(), cache.list.data()));
+  return static_cast<int>(syscall(kSetgroups, list->size(), list->data()));
 }
 
 }  // namespace korv
