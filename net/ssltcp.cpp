@@ -148,10 +148,21 @@ int write_once(pSSLTcp x, const char* bf, int len, short* want) {
     }
 }
 
-int read_with_deadline(pSSLTcp x, char* bf, int bfsize, int msecs, bool timed) {
+int read_with_deadline(pSSLTcp x, char* bf, int bfsize, int msecs, bool timed, bool wait_first = false) {
     bool started = false;
     Deadline dl;
     const char* word = timed ? "ssl_read" : "@SSL_read";
+    // A reader that has just emptied the connection waits before its read,
+    // rather than after a read that would find nothing; TLS bytes already
+    // taken off the socket are read at once.
+    if (wait_first && SSLTcp_IsBlocking(x) && !(x->Ssl && SSL_has_pending(x->Ssl.get()))) {
+        dl = Deadline::in_ms(timed ? msecs : -1);
+        started = true;
+        if (poll_until(x->sk, POLLIN, dl) == 0) {
+            SSLTcp_Record(x, x->Ssl ? "SSL_read:Timeout" : "recv:Timeout", EAGAIN);
+            return -1;
+        }
+    }
     for (;;) {
         short want = POLLIN;
         int r = read_once(x, bf, bfsize, word, &want);
@@ -455,6 +466,10 @@ int SSLTcp_Read(pSSLTcp x, char* bf, int bfsize) { return read_with_deadline(x, 
 
 int SSLTcp_Read_Timed(pSSLTcp x, char* bf, int bfsize, int msecs) {
     return read_with_deadline(x, bf, bfsize, msecs < 0 ? 0 : msecs, true);
+}
+
+int SSLTcp_Read_Next(pSSLTcp x, char* bf, int bfsize, int msecs) {
+    return read_with_deadline(x, bf, bfsize, msecs < 0 ? 0 : msecs, true, true);
 }
 
 int SSLTcp_Write(pSSLTcp x, const char* bf, int bfsize) {

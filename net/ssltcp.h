@@ -89,6 +89,10 @@ int SSLTcp_Wait(pSSLTcp x, int read, int write, int except, int msecs);
 // Reads: bytes, 0 at the peer's orderly close, -1 on error (a timeout records ErrorCode 11).
 int SSLTcp_Read(pSSLTcp x, char* bf, int bfsize);
 int SSLTcp_Read_Timed(pSSLTcp x, char* bf, int bfsize, int msecs);
+// The timed read for a reader whose last read emptied the connection (a
+// control channel between commands): it waits first, saving a read that
+// would only find nothing. Results as SSLTcp_Read_Timed.
+int SSLTcp_Read_Next(pSSLTcp x, char* bf, int bfsize, int msecs);
 // Writes: the untimed one returns bfsize or -1; the timed one returns bfsize, the partial count
 // when time ran out after some bytes went, or -1.
 int SSLTcp_Write(pSSLTcp x, const char* bf, int bfsize);

@@ -116,6 +116,10 @@ int tcp_read_timed(Chan* x, char* bf, int bfsize, int msecs) {
     return SSLTcp_Read_Timed(x->tcp.get(), bf, bfsize, msecs);
 }
 
+int tcp_read_next(Chan* x, char* bf, int bfsize, int msecs) {
+    return SSLTcp_Read_Next(x->tcp.get(), bf, bfsize, msecs);
+}
+
 int tcp_write(Chan* x, const char* bf, int len) { return SSLTcp_Write(x->tcp.get(), bf, len); }
 
 int tcp_write_timed(Chan* x, const char* bf, int bfsize, int msecs) {

@@ -58,6 +58,9 @@ int tcp_set_nodelay(Chan* x, int on);
 // Reading and writing.
 int tcp_read(Chan* x, char* bf, int bfsize);
 int tcp_read_timed(Chan* x, char* bf, int bfsize, int msecs);
+// tcp_read_timed that waits before it reads: for a caller that has just
+// taken everything the connection had (see SSLTcp_Read_Next).
+int tcp_read_next(Chan* x, char* bf, int bfsize, int msecs);
 int tcp_write(Chan* x, const char* bf, int len);
 int tcp_write_timed(Chan* x, const char* bf, int bfsize, int msecs);
 int tcp_readline(Chan* x, char* out, int outsz);

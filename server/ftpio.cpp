@@ -134,7 +134,9 @@ int tcp_readmore(LINK* ll, int msec, int is_ftp) {
   if (is_ftp && idle_expired(ll, "main: command timeout 421 Timeout (%d minutes): closing control connection.\r\n")) {
     return 0;
   }
-  int r = tcp_read_timed(ll->c.get(), w.inbf.get() + w.inlen, want, msec);
+  // Between commands the connection is usually empty: a waiting read polls first.
+  int r = msec > 0 ? tcp_read_next(ll->c.get(), w.inbf.get() + w.inlen, want, msec)
+                   : tcp_read_timed(ll->c.get(), w.inbf.get() + w.inlen, want, msec);
   // Bytes that arrive just after the limit are not used.
   if (is_ftp && idle_expired(ll, "main: timeout2 (%d minutes): closing control connection.\r\n")) return 0;
   if (r > 0) w.added(r);
