@@ -155,7 +155,7 @@ int read_with_deadline(pSSLTcp x, char* bf, int bfsize, int msecs, bool timed, b
     // A reader that has just emptied the connection waits before its read,
     // rather than after a read that would find nothing; TLS bytes already
     // taken off the socket are read at once.
-    if (wait_first && SSLTcp_IsBlocking(x) && !(x->Ssl && SSL_has_pending(x->Ssl.get()))) {
+    if (wait_first && !(x->Ssl && SSL_has_pending(x->Ssl.get()))) {
         dl = Deadline::in_ms(timed ? msecs : -1);
         started = true;
         if (poll_until(x->sk, POLLIN, dl) == 0) {

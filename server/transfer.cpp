@@ -20,6 +20,7 @@
 #include "common/emsg.h"
 #include "common/emsg_files.h"
 #include "net/spawn.h"
+#include "net/splice.h"
 #include "net/tcp.h"
 #include "server/cmd.h"
 #include "server/daily.h"
@@ -182,15 +183,27 @@ int simple_tcp_blocking_write(LINK* l, chan* c, const char* s, int len) {
   return done;
 }
 
-int simple_tcp_read_timed_blocking(LINK* l, chan* c, char* s, int len, int twait) {
+namespace {
+
+// Runs `read` (a timed read of kXferWaitMs on `c`) until it gives bytes, the
+// end or a real failure; between tries it looks for an ABOR, and gives 0 after
+// `twait` seconds (0: no limit) without data.
+template <typename Read>
+int read_timed_blocking(LINK* l, chan* c, int twait, Read read) {
   time_t start = time(nullptr);
   for (;;) {
-    int r = tcp_read_timed(c, s, len, kXferWaitMs);
-    if (r >= 0) return r;
-    if (!tcp_blocking_error(c)) return r;
+    long long r = read();
+    if (r >= 0) return static_cast<int>(r);
+    if (!tcp_blocking_error(c)) return static_cast<int>(r);
     if (cmd_abort(l)) return 0;
     if (twait > 0 && time(nullptr) - start > twait) return 0;
   }
+}
+
+}  // namespace
+
+int simple_tcp_read_timed_blocking(LINK* l, chan* c, char* s, int len, int twait) {
+  return read_timed_blocking(l, c, twait, [&] { return tcp_read_timed(c, s, len, kXferWaitMs); });
 }
 
 int simple_tcp_read_blocking(LINK* l, chan* c, char* s, int len) {
@@ -494,6 +507,15 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
   }
   chan* c = l->cdata.get();
   tcp_in_bf_128k(c);
+  // A plain binary stream with no limit goes from the socket to the file
+  // through a kernel pipe, the upload's counterpart of sendfile. Not for
+  // appends: the kernel does not splice into a file opened to append.
+  std::unique_ptr<SpliceIn> pipe;
+  if (l->isbin && l->mode == 0 && speed.limit == 0 && !c->tcp->Ssl && !l->append &&
+      !ini_true(l, INI_GLOBAL_NFS_IMPERSONATE)) {
+    pipe = std::make_unique<SpliceIn>();
+    if (!pipe->ok()) pipe.reset();
+  }
   FilePtr f;
   if (!vfopen(l, name, mode.c_str(), f, reason)) {
     emsg("Open failed %.500s\n", reason.c_str());
@@ -508,7 +530,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
     l->restart = 0;
   }
   const time_t started = time(nullptr);
-  std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(kXferBufSize) + 1]);
+  std::unique_ptr<char[]> buffer(pipe ? nullptr : new char[static_cast<size_t>(kXferBufSize) + 1]);
   std::unique_ptr<char[]> conv(l->isbin ? nullptr : new char[static_cast<size_t>(kXferBufSize) + 2]);
   CrlfToLf crlf;
   long long bytes_written = 0;
@@ -558,6 +580,20 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
           break;
         }
         if (!to_file(buffer.get(), r)) break;
+      }
+    } else if (pipe) {
+      long long landed = 0;
+      int file_err = 0;
+      r = read_timed_blocking(l, c, kStorIdleSeconds,
+                              [&] { return pipe->move(c, fd, kXferWaitMs, &landed, &file_err); });
+      if (r < 1) {
+        if (l->done_abort) run.status = "ABORT command received";
+        break;
+      }
+      if (landed != r) {
+        emsg("error writing to file %s, %d/%d bytes writen", realname.c_str(), static_cast<int>(landed), r);
+        if (file_err != 0) run.set_status(errtext(file_err));
+        break;
       }
     } else {
       int ms = speed.wait_ms(getdtime());
