@@ -367,9 +367,23 @@ int do_emsg_dayly_logging_rotate(time_t current_time, const char* log_file_name,
 std::string emsg_time() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    char ct[32];
-    ctime_r(&now.tv_sec, ct);
-    return strfmt("%.11s.%.02d", ct + 8, static_cast<int>(now.tv_nsec / 1000000 / 10));
+    // Every log line asks; the local time of a second is worked out once per
+    // thread (ctime_r takes the C library's time-zone lock each call).
+    thread_local time_t last = -1;
+    thread_local char day_time[12];  // "dd hh:mm:ss"
+    if (now.tv_sec != last) {
+        char ct[32];
+        ctime_r(&now.tv_sec, ct);
+        std::memcpy(day_time, ct + 8, 11);
+        day_time[11] = 0;
+        last = now.tv_sec;
+    }
+    const int cc = static_cast<int>(now.tv_nsec / 10000000);
+    std::string out(day_time, 11);
+    out += '.';
+    out += static_cast<char>('0' + cc / 10);
+    out += static_cast<char>('0' + cc % 10);
+    return out;
 }
 
 // ---------------------------------------------------------------- web log

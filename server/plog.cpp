@@ -31,6 +31,7 @@ struct SessionLog {
   const char* file;  // name inside the domain directory
   LogFile f;
   std::string name;  // path of the open stream
+  std::string domain;  // the domain name `name` was made for
   long size = 0;     // bytes counted towards the roll
 };
 
@@ -60,8 +61,14 @@ std::string with_names(LINK* l, const std::string& text) {
 // Opens the log of the session's domain, closing the stream first if the
 // last writer was in another domain. 1, or 0 when the file cannot be opened.
 int log_open(SessionLog& g, LINK* l, bool take_size) {
+  // While the stream is open (the idle tick closes it), a writer of the same
+  // domain needs no new path: most commands of a busy server pass here.
+  const char* dname = l != nullptr && l->ini != nullptr ? ini_get_p(l, INI_VDOMAIN, "name") : nullptr;
+  if (dname == nullptr) dname = "";
+  if (g.f.is_open() && g.domain == dname) return 1;
   std::string path;
   link_log_file(l, g.file, path);
+  g.domain = dname;
   if (path != g.name) g.f.close();
   if (g.f.is_open()) return 1;
   if (!g.f.open(path, "a") && !g.f.open_making_dir(path, "a")) {
