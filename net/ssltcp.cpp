@@ -113,6 +113,18 @@ int read_once(pSSLTcp x, char* bf, int bfsize, const char* ssl_word, short* want
     if (x->Ssl) {
         ERR_clear_error();
         int r = SSL_read(x->Ssl.get(), bf, bfsize);
+        // One SSL_read gives one record (16 KiB at most); the records that have
+        // already arrived are taken too, as a plain recv takes all there is, so
+        // that an upload reaches the file in large writes.
+        while (r > 0 && r < bfsize) {
+            ERR_clear_error();
+            int more = SSL_read(x->Ssl.get(), bf + r, bfsize - r);
+            if (more <= 0) {
+                ERR_clear_error();  // the next read reports a close or a failure
+                break;
+            }
+            r += more;
+        }
         if (r > 0) return r;
         SSLError(ssl_word, x, r);
         if (x->SSLErrorCode == SSL_ERROR_ZERO_RETURN) return 0;
