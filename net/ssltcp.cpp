@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
-#include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <signal.h>
@@ -29,6 +28,7 @@
 
 #include "base/fmt.h"
 #include "base/threads.h"
+#include "net/entropy.h"
 
 namespace korv {
 
@@ -103,9 +103,7 @@ short tls_wants(const SSLTCP* x) {
     return x->SSLErrorCode == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
 }
 
-void seed_bytes(const void* p, size_t n) {
-    RAND_seed(p, static_cast<int>(n));
-}
+void seed_bytes(const void* p, size_t n) { entropy_add(p, n); }
 
 // One attempt to read: bytes, 0 at close, -1 with the error recorded.
 int read_once(pSSLTcp x, char* bf, int bfsize, const char* ssl_word, short* want) {

@@ -3,7 +3,6 @@
 #include "net/tcp.h"
 
 #include <openssl/err.h>
-#include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <cstring>
 
 #include "base/fmt.h"
+#include "net/entropy.h"
 
 namespace korv {
 
@@ -26,7 +26,7 @@ int tcp_new(Chan** x) {
     auto c = std::make_unique<Chan>();
     c->tcp = std::make_unique<SSLTCP>();
     Chan* raw = c.get();
-    RAND_seed(&raw, sizeof raw);
+    entropy_add(&raw, sizeof raw);
     *x = c.release();
     return 1;
 }
@@ -222,7 +222,7 @@ char* tcp_hostname(char* host, int bfsize) {
     SSLTcp_init();
     if (!host || bfsize < 1 || ::gethostname(host, static_cast<size_t>(bfsize)) != 0) return nullptr;
     host[bfsize - 1] = 0;
-    RAND_seed(host, bfsize);
+    entropy_add(host, static_cast<size_t>(bfsize));
     return host;
 }
 

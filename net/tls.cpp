@@ -5,7 +5,6 @@
 #include "net/tls.h"
 
 #include <openssl/err.h>
-#include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <poll.h>
@@ -19,6 +18,7 @@
 
 #include "base/fmt.h"
 #include "common/emsg.h"
+#include "net/entropy.h"
 
 namespace korv {
 
@@ -46,7 +46,7 @@ std::string ssl_err_text() {
     return bf;
 }
 
-void seed_pointer(const void* p) { RAND_seed(&p, sizeof p); }
+void seed_pointer(const void* p) { entropy_add(&p, sizeof p); }
 
 // "/C=../CN=.." one-line form of a certificate name; false when it cannot be rendered.
 bool get_x509_name_tostring(X509_NAME* name, std::string& out) {
@@ -225,7 +225,7 @@ int do_ssl_handshake(pSSLTcp x) {
             return 0;
         }
         double t = getdtime();
-        RAND_seed(&t, sizeof t);
+        entropy_add(&t, sizeof t);
     }
 }
 
@@ -391,7 +391,7 @@ int tcp_ssl_uses_ktls(Chan* x) {
 }
 
 void tcp_add_entropy(const unsigned char* buffer, int items) {
-    if (buffer && items > 0) RAND_seed(buffer, items);
+    if (buffer && items > 0) entropy_add(buffer, static_cast<size_t>(items));
 }
 
 void Entropy_Gather_shortint(short v) { tcp_add_entropy(reinterpret_cast<const unsigned char*>(&v), sizeof v); }

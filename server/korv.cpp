@@ -3,7 +3,6 @@
 #include "server/korv.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,7 +54,6 @@ namespace {
 constexpr int kWebWaitMs = 200;    // the main loop's longest wait: the period of the idle tick
 constexpr int kFtpWaitMs = 1000;   // the FTP acceptor's longest wait (it is woken for flags)
 constexpr int kCertDays = 3650;    // life of the self-signed certificate of a first start
-constexpr int kAcceptorNice = -10;  // the FTP acceptor thread's scheduling priority
 
 std::atomic<int> port{21};
 std::atomic<int> mgrport{7021};
@@ -141,21 +139,6 @@ int start_session(Accepted&& a) {
 }
 
 void start_accepted(Accepted&& a) { start_session(std::move(a)); }
-
-// The FTP acceptor runs ahead of the sessions while it listens: it only takes
-// connections off the listener, and while it waits for a processor a burst
-// overflows the queue. Without the right to raise it, it stays as it is. The
-// starter thread is made before, so it and the sessions it starts keep the
-// normal priority; the pooled thread gets it back when the acceptor ends.
-struct AcceptorPriority {
-    bool raised;
-    explicit AcceptorPriority(bool on) : raised(on && setpriority(PRIO_PROCESS, 0, kAcceptorNice) == 0) {}
-    ~AcceptorPriority() {
-        if (raised) setpriority(PRIO_PROCESS, 0, 0);
-    }
-    AcceptorPriority(const AcceptorPriority&) = delete;
-    AcceptorPriority& operator=(const AcceptorPriority&) = delete;
-};
 
 // The listener callbacks: every pending connection is accepted at once, the
 // loop's lock held while they are handed over. FTP sessions start on the
@@ -345,7 +328,6 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
     // Outlives the listener list: its queue holds no reference to it.
     std::unique_ptr<SessionStarter> starter;
     if (ftp) starter = std::make_unique<SessionStarter>(start_accepted);
-    AcceptorPriority priority(ftp);
     Chan_List* list = nullptr;
     WaitList* wl = nullptr;
     auto failed = [&]() {
