@@ -27,6 +27,19 @@ SpliceIn::~SpliceIn() {
     if (pw_ >= 0) ::close(pw_);
 }
 
+ssize_t SpliceIn::copy_to_file(int fd, size_t n) {
+    char bf[65536];
+    ssize_t got = ::read(pr_, bf, n < sizeof bf ? n : sizeof bf);
+    if (got <= 0) return got;
+    for (ssize_t done = 0; done < got;) {
+        ssize_t w = ::write(fd, bf + done, static_cast<size_t>(got - done));
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return done > 0 ? done : w;  // the rest of the block is lost with the transfer
+        done += w;
+    }
+    return got;
+}
+
 long long SpliceIn::move(Chan* c, int fd, int msecs, long long* written, int* file_err) {
     *written = 0;
     *file_err = 0;
@@ -54,8 +67,13 @@ long long SpliceIn::move(Chan* c, int fd, int msecs, long long* written, int* fi
     }
     if (n == 0) return 0;
     while (*written < n) {
-        ssize_t m = ::splice(pr_, nullptr, fd, nullptr, static_cast<size_t>(n - *written), SPLICE_F_MOVE);
+        const size_t want = static_cast<size_t>(n - *written);
+        ssize_t m = copy_out_ ? copy_to_file(fd, want) : ::splice(pr_, nullptr, fd, nullptr, want, SPLICE_F_MOVE);
         if (m < 0 && errno == EINTR) continue;
+        if (m < 0 && !copy_out_ && (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+            copy_out_ = true;  // a file system that takes no splice: the pipe is emptied by reads
+            continue;
+        }
         if (m <= 0) {
             *file_err = m < 0 ? errno : 0;
             // What stays in the pipe belongs to a transfer that ends here.

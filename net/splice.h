@@ -4,6 +4,10 @@
 // sendfile (tcp_sendfile).
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+
 #include "net/tcp.h"
 
 namespace korv {
@@ -31,7 +35,11 @@ public:
     static constexpr int kPipeBytes = 1 << 20;
 
 private:
+    // Reads up to `n` bytes out of the pipe and writes them to `fd`.
+    ssize_t copy_to_file(int fd, size_t n);
+
     int pr_ = -1, pw_ = -1;  // the pipe's read and write ends
+    bool copy_out_ = false;  // the file takes no splice
     int size_ = 0;           // what the pipe holds at most
 };
 

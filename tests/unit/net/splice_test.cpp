@@ -1,12 +1,13 @@
 // Uploads through the kernel pipe: bytes land in the file exactly and at its offset, a wait
-// reads as a timed read's would-block, the peer's close as 0, and a file that refuses bytes
-// is told apart from the connection.
+// reads as a timed read's would-block, the peer's close as 0, a file that refuses bytes is
+// told apart from the connection, and a file that takes no splice still gets them.
 #include "net/splice.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -90,6 +91,31 @@ TEST(SpliceIn, AFileThatRefusesBytesIsNotTheConnection) {
     EXPECT_EQ(in.move(sv.get(), fd2, 5000, &landed, &err), 3);
     ::close(fd2);
     EXPECT_EQ(slurp(path2), "xyz");
+}
+
+// The kernel refuses to splice into a file opened to append, as some file
+// systems refuse splices altogether: the bytes still reach the file, by reads
+// out of the pipe.
+TEST(SpliceIn, AFileThatTakesNoSpliceGetsTheBytesAnyway) {
+    test::TempDir dir("korv-splice");
+    std::string path = dir.file("app.bin");
+    { std::ofstream(path) << "old:"; }
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(fd, 0);
+    ChanPtr cl, sv;
+    ASSERT_TRUE(test::make_chan_pair(cl, sv));
+    SpliceIn in;
+    long long landed = 0;
+    int err = 0;
+    for (const char* part : {"first ", "second"}) {
+        int len = static_cast<int>(strlen(part));
+        ASSERT_EQ(tcp_write_timed(cl.get(), part, len, 1000), len);
+        EXPECT_EQ(in.move(sv.get(), fd, 5000, &landed, &err), len);
+        EXPECT_EQ(landed, len);
+        EXPECT_EQ(err, 0);
+    }
+    ::close(fd);
+    EXPECT_EQ(slurp(path), "old:first second");
 }
 
 }  // namespace
