@@ -108,15 +108,15 @@ bool accept_one(Chan_List* itm, ChanPtr& c) {
     return false;
 }
 
-// Gives an accepted connection its session record and a thread. 1 when the session started.
-int start_session(Accepted&& a) {
+// Gives an accepted connection its session record and a thread (on the starter thread).
+void start_session(Accepted&& a) {
     ChanPtr c = std::move(a.c);
     tcp_set_nodelay(c.get(), 1);
     Link* l = nullptr;
     if (!link_new(&l)) {
         emsg("Link_new failed\n");
         tcp_printf(c.get(), "500 cannot allocate resources for this FTP connection, try again in a minute.\r\n");
-        return 0;
+        return;
     }
     char myip[64] = {}, rmtip[64] = {};
     unsigned short lcl = 0;
@@ -131,14 +131,11 @@ int start_session(Accepted&& a) {
     l->user.clear();
     l->get_accept = static_cast<int>(a.at);
     l->ssl_implicit = a.autossl;
-    if (main_new_reuse_thread(session_thread, l, nullptr, a.strid)) return 1;
+    if (main_new_reuse_thread(session_thread, l, nullptr, a.strid)) return;
     tcp_printf(l->c.get(), "500 cannot allocate resources for this HTTP connection, try again in a minute.\r\n");
     korvane_restart("Server running out of resources, try to free some up by restarting");
     link_free(&l);
-    return 0;
 }
-
-void start_accepted(Accepted&& a) { start_session(std::move(a)); }
 
 // The listener callbacks: every pending connection is accepted at once, the
 // loop's lock held while they are handed over. FTP sessions start on the
@@ -279,13 +276,6 @@ int bind_add_address(const char* connection_type, Chan_List** clist, WaitFn func
     return 1;
 }
 
-int try_accept_connection(Chan_List* itm) {
-    time_t accepted = time(nullptr);
-    ChanPtr c;
-    if (!accept_one(itm, c)) return 0;
-    return start_session(Accepted{std::move(c), itm->autostartssl, itm->strid, accepted});
-}
-
 int try_accept_connection_no_threads(Chan_List* itm) {
     time_t accepted = time(nullptr);
     ChanPtr c = tcp_new_owned();
@@ -327,7 +317,7 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
     mutex_info_set(loop_lock, "loop1");
     // Outlives the listener list: its queue holds no reference to it.
     std::unique_ptr<SessionStarter> starter;
-    if (ftp) starter = std::make_unique<SessionStarter>(start_accepted);
+    if (ftp) starter = std::make_unique<SessionStarter>(start_session);
     Chan_List* list = nullptr;
     WaitList* wl = nullptr;
     auto failed = [&]() {

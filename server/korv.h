@@ -42,7 +42,6 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
 // Opens one listening socket and adds it to `clist`. `tmp` receives an error text.
 int bind_add_address(const char* connection_type, Chan_List** clist, WaitFn function, void* parameter, int autossl,
                      const char* ipadress, int port, int reuse, std::string& tmp);
-int try_accept_connection(Chan_List* itm);
 int try_accept_connection_no_threads(Chan_List* itm);
 
 // Session routines carried by a listener node.
