@@ -105,10 +105,40 @@ short tls_wants(const SSLTCP* x) {
 
 void seed_bytes(const void* p, size_t n) { entropy_add(p, n); }
 
+// Bytes the peer sent that nobody read make close() send a reset, and a reset
+// throws away whatever of ours the kernel still holds for the peer (the tail
+// of a download). They are read off first, a bounded amount, without waiting.
+void drain_unread(int sk) {
+    char scrap[4096];
+    for (int budget = 64; budget > 0; budget--) {
+        ssize_t r = ::recv(sk, scrap, sizeof scrap, MSG_DONTWAIT);
+        if (r > 0) continue;
+        if (r < 0 && errno == EINTR) continue;
+        break;
+    }
+}
+
+// True when the failed TLS read that set the error queue saw the TCP end with
+// no close_notify. Many clients end an upload that way; it is an end of data,
+// not a failure. The TLS object is then in a fatal state: it is read no more.
+bool note_unclean_end(pSSLTcp x, int ret) {
+    if (SSL_get_error(x->Ssl.get(), ret) != SSL_ERROR_SSL) return false;
+    if (ERR_GET_REASON(ERR_peek_error()) != SSL_R_UNEXPECTED_EOF_WHILE_READING) return false;
+    ERR_clear_error();
+    x->UncleanEnd = true;
+    return true;
+}
+
 // One attempt to read: bytes, 0 at close, -1 with the error recorded.
 int read_once(pSSLTcp x, char* bf, int bfsize, const char* ssl_word, short* want) {
     *want = POLLIN;
     if (x->Ssl) {
+        if (x->UncleanEnd) return 0;
+        if (x->FailedRead) {
+            // The failure is already recorded, and the TLS object is in a fatal state.
+            SSLTcp_Record(x, x->ErrorFrom, x->ErrorCode == 0 || SSLTcp_IsBlocking(x) ? ECONNRESET : x->ErrorCode);
+            return -1;
+        }
         ERR_clear_error();
         int r = SSL_read(x->Ssl.get(), bf, bfsize);
         // One SSL_read gives one record (16 KiB at most); the records that have
@@ -118,12 +148,23 @@ int read_once(pSSLTcp x, char* bf, int bfsize, const char* ssl_word, short* want
             ERR_clear_error();
             int more = SSL_read(x->Ssl.get(), bf + r, bfsize - r);
             if (more <= 0) {
-                ERR_clear_error();  // the next read reports a close or a failure
+                // The bytes taken so far are returned; the next read reports the
+                // end or the failure. Both are remembered now: the TLS object will
+                // not say them again, and the socket then reads as a plain end.
+                if (!note_unclean_end(x, more)) {
+                    int e = SSL_get_error(x->Ssl.get(), more);
+                    if (e == SSL_ERROR_SSL || e == SSL_ERROR_SYSCALL) {
+                        SSLError(ssl_word, x, more);
+                        x->FailedRead = true;
+                    }
+                }
+                ERR_clear_error();
                 break;
             }
             r += more;
         }
         if (r > 0) return r;
+        if (note_unclean_end(x, r)) return 0;
         SSLError(ssl_word, x, r);
         if (x->SSLErrorCode == SSL_ERROR_ZERO_RETURN) return 0;
         *want = tls_wants(x);
@@ -447,15 +488,18 @@ int SSLTcp_Accept(pSSLTcp listening, pSSLTcp x) {
 void SSLTcp_Close(pSSLTcp x) {
     if (x->sk == -1) return;
     // One close_notify only: a second SSL_shutdown would wait for the peer's, and on a
-    // blocking socket that wait has no end.
-    if (x->Ssl && !(SSL_get_shutdown(x->Ssl.get()) & SSL_SENT_SHUTDOWN)) {
+    // blocking socket that wait has no end. None after a fatal end of the TLS object.
+    if (x->Ssl && !x->UncleanEnd && !x->FailedRead && !(SSL_get_shutdown(x->Ssl.get()) & SSL_SENT_SHUTDOWN)) {
         ERR_clear_error();
         SSL_shutdown(x->Ssl.get());
         ERR_clear_error();
     }
+    drain_unread(x->sk);
     ::shutdown(x->sk, SHUT_RDWR);
     ::close(x->sk);
     x->sk = -1;
+    x->UncleanEnd = false;
+    x->FailedRead = false;
 }
 
 int SSLTcp_Wait(pSSLTcp x, int read, int write, int except, int msecs) {

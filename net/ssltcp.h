@@ -40,6 +40,8 @@ struct SSLTCP {
     unsigned long SSLErrorCodeMsgCode = 0;  // last ERR_get_error
     SslCtxPtr SslCtx;                     // null until TLS starts
     SslPtr Ssl;                           // its presence switches reads and writes to TLS
+    bool UncleanEnd = false;              // the peer closed TCP without a TLS close_notify
+    bool FailedRead = false;              // a TLS read failed after giving bytes: the next read reports it
 
     SSLTCP() = default;
     SSLTCP(const SSLTCP&) = delete;

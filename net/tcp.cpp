@@ -52,7 +52,7 @@ void tcp_close(Chan* x) {
     if (x->tcp->sk == -1) return;
     // The TLS close_notify goes out while the socket cannot block, so that a peer that reads
     // nothing cannot hold the closing thread; the descriptor then closes in blocking mode.
-    if (SSL* ssl = x->tcp->Ssl.get()) {
+    if (SSL* ssl = x->tcp->Ssl.get(); ssl && !x->tcp->UncleanEnd && !x->tcp->FailedRead) {
         ERR_clear_error();
         SSL_shutdown(ssl);
         ERR_clear_error();

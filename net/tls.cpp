@@ -247,11 +247,16 @@ int SSLTcp_StartSSL(pSSLTcp x, SSLTCP_SSLConfig* config, int svrmode, std::strin
         reason = "SSL must have valid certificate & Private Key for Server mode.";
         return 0;
     }
-    uint64_t opts = SSL_OP_ALL | SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_ENABLE_KTLS;
+    uint64_t opts = SSL_OP_ALL | SSL_OP_ENABLE_KTLS;
     if (!config->allow_TLSv1) opts |= SSL_OP_NO_TLSv1;
     if (!config->allow_SSLv3) opts |= SSL_OP_NO_SSLv3;
     SSL_CTX_set_options(ctx.get(), opts);
     if (!config->allow_TLSv1) SSL_CTX_set_min_proto_version(ctx.get(), TLS1_1_VERSION);
+    // No session tickets: every connection has a context of its own, so a ticket
+    // could never be redeemed, and a TLS 1.3 ticket is data the client may never
+    // read. A client that closes an upload with a ticket unread makes its kernel
+    // send a reset and drop the tail of the upload it had not sent yet.
+    if (server) SSL_CTX_set_num_tickets(ctx.get(), 0);
     set_ciphers(ctx.get(), config);
     const bool want_client_cert = server && config->requirePeerClientCertificate;
     if (want_client_cert) {
@@ -280,6 +285,8 @@ int SSLTcp_StartSSL(pSSLTcp x, SSLTCP_SSLConfig* config, int svrmode, std::strin
     if (x->sk != -1) SSLTcp_SetBlocking(x, 0);
     x->SslCtx = std::move(ctx);
     x->Ssl = std::move(ssl);
+    x->UncleanEnd = false;
+    x->FailedRead = false;
     if (!do_ssl_handshake(x)) {
         SSLTcp_GetError(x, reason);
         x->Ssl.reset();

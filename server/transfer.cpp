@@ -632,6 +632,8 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
   }
   add_to_user_daily_quota(l->user.c_str(), bytes_written);
   if (r < 0) run.set_status(tcp_error(c));
+  // Many clients end a TLS upload by closing TCP; every byte before it counts.
+  if (c->tcp->UncleanEnd) dmsg("TLS data connection ended without close_notify\n");
   ftp_end_datachan(l);
   if (std::fflush(f.get()) == -1) run.status = "File may not have been written to disk correctly, check disk full? disk errors?";
   long long filesize = i64_file_size(realname.c_str());
