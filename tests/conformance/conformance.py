@@ -11,44 +11,36 @@ crosses is compared byte for byte with its source.
 """
 import argparse
 import ftplib
-import hashlib
 import io
 import os
 import random
 import shutil
-import signal
-import socket
-import ssl
 import subprocess
 import sys
-import tempfile
-import time
 import unittest
+
+import harness
+from harness import ImplicitFTP_TLS, digest, insecure_context
 
 ARGS = None
 SERVER = None
 
 SPARSE_AT = 5_000_000_000  # a sparse file's only data lies past 4 GiB
 SPARSE_TAIL = b"past-four-gigabytes\n"
-CRASH_MARKERS = ("AddressSanitizer", "UndefinedBehaviorSanitizer", "runtime error:", "Assertion", "Segmentation")
+CLASSES = """\tclass type="anonymous" users="" name="anonymous" class_name="anonymous"
+\t\tdir alias="/" path="@DIR@/pub" read="true"
+\tclass type="real" users="slow" name="slow" class_name="slow"
+\t\tlimit_speed "100"
+\t\tdir alias="/" path="@DIR@/home/$username" read="true" write="true"
+\tclass type="real" users="*" name="real" class_name="real"
+\t\tdir alias="/" path="@DIR@/home/$username" read="true" write="true"
+\t\tdir alias="/pub" path="@DIR@/pub" read="true"
+"""
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def digest(data):
-    return hashlib.sha256(data).hexdigest()
-
-
-class Server:
+class Server(harness.Server):
     def __init__(self, binary, omauth):
-        self.binary = binary
-        self.dir = tempfile.mkdtemp(prefix="korv-conf-")
-        self.ports = {k: free_port() for k in ("ftp", "implicit", "mgr", "mgr_ssl")}
-        self.proc = None
+        super().__init__(binary, omauth, {"alice": "Conf-Pass-1", "slow": "Conf-Pass-2"}, CLASSES)
         rnd = random.Random(7)
         self.files = {
             "data.bin": rnd.randbytes(3 * 1024 * 1024 + 17),
@@ -56,8 +48,6 @@ class Server:
         }
         pub = self.path("pub")
         os.makedirs(os.path.join(pub, "tree", "deeper"))
-        os.makedirs(self.path("home/alice"))
-        os.makedirs(self.path("home/slow"))
         for name, data in self.files.items():
             with open(os.path.join(pub, name), "wb") as f:
                 f.write(data)
@@ -68,96 +58,6 @@ class Server:
             f.seek(SPARSE_AT)
             f.write(SPARSE_TAIL)
         os.symlink(os.path.join(pub, "data.bin"), self.path("home/slow/data.bin"))
-        users = self.path("users")
-        for name, pw in (("alice", "Conf-Pass-1"), ("slow", "Conf-Pass-2")):
-            subprocess.run([omauth, "-passwd", users, name], input=(pw + "\n").encode(), check=True)
-        cfg = f"""global_settings
-\thome "{self.dir}"
-\tlog_level "info"
-\tglobal_port "{self.ports['ftp']}"
-\tglobal_implicit_port "{self.ports['implicit']}"
-\tglobal_mgr_port "{self.ports['mgr']}"
-\tglobal_mgr_ssl_port "{self.ports['mgr_ssl']}"
-\tglobal_restart "false"
-\tauthent_process "{omauth}"
-\tauthent_cmdopts "-file {users}"
-vdomain address="" name="conf"
-\temail "admin@localhost"
-\tclass type="anonymous" users="" name="anonymous" class_name="anonymous"
-\t\tdir alias="/" path="{pub}" read="true"
-\tclass type="real" users="slow" name="slow" class_name="slow"
-\t\tlimit_speed "100"
-\t\tdir alias="/" path="{self.dir}/home/$username" read="true" write="true"
-\tclass type="real" users="*" name="real" class_name="real"
-\t\tdir alias="/" path="{self.dir}/home/$username" read="true" write="true"
-\t\tdir alias="/pub" path="{pub}" read="true"
-"""
-        with open(self.path("korvane.ini"), "w") as f:
-            f.write(cfg)
-
-    def path(self, rel):
-        return os.path.join(self.dir, rel)
-
-    def start(self):
-        self.out = open(self.path("server.out"), "wb")
-        self.err = open(self.path("server.err"), "wb")
-        self.proc = subprocess.Popen([self.binary, "-test", "-config", self.path("korvane.ini")],
-                                     stdout=self.out, stderr=self.err, cwd=self.dir)
-        deadline = time.monotonic() + 30
-        while time.monotonic() < deadline:
-            if self.proc.poll() is not None:
-                raise RuntimeError("server ended at start:\n" + self.stderr())
-            try:
-                with socket.create_connection(("127.0.0.1", self.ports["ftp"]), timeout=2) as s:
-                    if s.recv(100).startswith(b"220"):
-                        return
-            except OSError:
-                time.sleep(0.1)  # the process is still binding its ports
-        raise RuntimeError("server did not answer")
-
-    def stderr(self):
-        with open(self.path("server.err"), errors="replace") as f:
-            return f.read()
-
-    def stop(self):
-        if self.proc and self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-            try:
-                self.proc.wait(20)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self.out.close()
-        self.err.close()
-        text = self.stderr()
-        log = self.path("korvane.log")
-        if os.path.exists(log):
-            with open(log, errors="replace") as f:
-                text += f.read()
-        return [m for m in CRASH_MARKERS if m in text]
-
-
-# ---- ftplib --------------------------------------------------------------------
-
-
-class ImplicitFTP_TLS(ftplib.FTP_TLS):
-    """FTP_TLS whose control connection is TLS from the first byte."""
-
-    def connect(self, host, port, timeout=10):
-        self.host, self.port, self.timeout = host, port, timeout
-        raw = socket.create_connection((host, port), timeout)
-        self.sock = self.context.wrap_socket(raw, server_hostname=host)
-        self.af = self.sock.family
-        self.file = self.sock.makefile("r", encoding=self.encoding)
-        self.welcome = self.getresp()
-        return self.welcome
-
-
-def insecure_context():
-    ctx = ssl.create_default_context()
-    ctx.check_hostname = False
-    ctx.verify_mode = ssl.CERT_NONE
-    return ctx
 
 
 def ftp(user="alice", password="Conf-Pass-1", cls=ftplib.FTP, port=None, **kw):
@@ -413,21 +313,7 @@ def main():
     p.add_argument("--omauth", required=True)
     ARGS, rest = p.parse_known_args()
     SERVER = Server(os.path.abspath(ARGS.binary), os.path.abspath(ARGS.omauth))
-    ok = False
-    try:
-        SERVER.start()
-        prog = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2)
-        ok = prog.result.wasSuccessful()
-    finally:
-        found = SERVER.stop()
-        if found:
-            print("server log holds crash markers: %s (in %s)" % (found, SERVER.dir))
-            ok = False
-        elif ok:
-            shutil.rmtree(SERVER.dir, ignore_errors=True)
-        else:
-            print("server directory kept: " + SERVER.dir)
-    sys.exit(0 if ok else 1)
+    sys.exit(harness.run_suite(SERVER, [sys.argv[0]] + rest))
 
 
 if __name__ == "__main__":
