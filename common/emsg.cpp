@@ -152,13 +152,23 @@ int emsg_do(int lvl, const char* line) {
     return emsg_dox(lvl, line);
 }
 
-int emsg_dox(int lvl, const char* line) {
+int emsg_dox(int lvl, const char* text) {
     if (lvl < 0) lvl = 0;
     if (lvl > 2) lvl = 2;
     LogState& s = st();
-    emsg_syslog(lvl, line);
+    emsg_syslog(lvl, text);
     std::string stamp = emsg_time();
-    size_t len = std::strlen(line);
+    // One call is one line: a text without its "\n" would run into the next
+    // entry, so it gets one here (and only then).
+    size_t len = std::strlen(text);
+    std::string ended;
+    const char* line = text;
+    if (len == 0 || text[len - 1] != '\n') {
+        ended.reserve(len + 1);
+        ended.append(text, len).push_back('\n');
+        line = ended.c_str();
+        len++;
+    }
     long counted = len > kStampCut ? static_cast<long>(len - kStampCut) : 0;
     s.fsize += counted;
 

@@ -15,7 +15,8 @@ constexpr long kWebLogMaxSize = 100000;  // the web log is removed past this
 constexpr int kLogGenerations = 6;       // name.log, name2.log ... name6.log
 constexpr int kLogBufferSize = 32768;
 
-// Callers end their text with "\n" themselves; the log adds none.
+// Each call writes one line: the log adds the "\n" a text lacks (never a
+// second one).
 int emsg(const char* format, ...) __attribute__((format(printf, 1, 2)));  // level 0, "Err!"
 int imsg(const char* format, ...) __attribute__((format(printf, 1, 2)));  // level 1, "Info"
 int dmsg(const char* format, ...) __attribute__((format(printf, 1, 2)));  // level 2, "dbug"

@@ -77,6 +77,36 @@ TEST_F(Log, LineFormatAndErrorLog) {
     EXPECT_TRUE(std::regex_match(errs[0], std::regex(stamp + ":Err!: broken 42"))) << errs[0];
 }
 
+// A text without its line end must not run into the next entry, and one
+// that has it must not gain a blank line; the console gets the same.
+TEST_F(Log, EveryEntryEndsItsLineOnce) {
+    const struct {
+        const char* text;
+        const char* written;  // after the "stamp:label:thread: " head
+    } cases[] = {
+        {"ended\n", "ended\n"},
+        {"bare", "bare\n"},
+        {"", "\n"},
+        {"crlf\r\n", "crlf\r\n"},
+        {"cr only\r", "cr only\r\n"},
+    };
+    open_log();
+    for (const auto& c : cases) emsg("%s", c.text);
+    emsg_flush();
+    const std::string head = "[ 0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{2}:Err!:" +
+                             std::to_string(th_id()) + ": ";
+    std::string want;
+    for (const auto& c : cases) want += head + std::regex_replace(c.written, std::regex("\r"), "\\r");
+    EXPECT_TRUE(std::regex_match(slurp(log_), std::regex(want))) << slurp(log_);
+
+    emsg_open("");
+    for (const auto& c : cases) {
+        testing::internal::CaptureStdout();
+        emsg("%s", c.text);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.written) << c.text;
+    }
+}
+
 TEST_F(Log, LevelDecidesWhichLinesAreWritten) {
     open_log();
     struct Case {
