@@ -86,6 +86,15 @@ int mlst_paths(LINK* l, std::string& fname, int isdir, std::string& showname, st
 
 }  // namespace
 
+std::string virtual_child(std::string_view dir, std::string_view entry) {
+  size_t cut = entry.find_last_of("/\\");
+  std::string_view base = cut == std::string_view::npos ? entry : entry.substr(cut + 1);
+  std::string out(dir);
+  if (out.empty() || (out.back() != '/' && out.back() != '\\')) out += '/';
+  out += base;
+  return out;
+}
+
 void fact_init(FACT* facts) {
   for (int i = 0; i < kFactSlots; i++) facts[i] = FACT{};
   for (int i = 0; kFactTable[i].name != nullptr; i++) facts[i] = kFactTable[i];
@@ -134,16 +143,46 @@ std::string& bigint_to_str(long long x, std::string& tmp) {
   return tmp;
 }
 
-std::string& fact_perm(const WILD_DATA* w, std::string& tmp) {
-  if (w->isdir) {
-    tmp = "cdeflmp";
+std::string fact_perm_letters(const DIRRULES& rules, int isdir, int noretrieve, int noupload) {
+  auto may = [&rules](const char* word) { return vdir_rules_allow(rules, word) != 0; };
+  std::string letters;
+  auto add = [&letters](char c, bool ok) {
+    if (ok) letters += c;
+  };
+  if (isdir) {
+    // A new name inside falls under the directory's own rule.
+    add('c', may("write"));
+    add('d', may("del"));
+    add('e', true);  // CWD asks no rule
+    add('f', may("rename") && !noretrieve);
+    add('l', may("list"));
+    add('m', may("mkdir"));
+    add('p', may("del"));
   } else {
-    tmp = (w->mode & 16) != 0 ? "radfw" : "r";
+    // Writing over an existing file needs the right to delete it too.
+    const bool overwrite = may("write") && may("del") && !noupload;
+    add('a', overwrite);
+    add('d', may("del"));
+    add('f', may("rename") && !noretrieve);
+    add('r', may("read") && !noretrieve);
+    add('w', overwrite);
   }
+  return letters;
+}
+
+std::string& fact_perm(LINK* l, std::string_view virt, int isdir, std::string& tmp) {
+  tmp.clear();
+  DIRRULES rules;
+  std::string etext;
+  if (!vdir_rules_at(l, virt, rules, etext)) return tmp;
+  std::string name(virt);
+  tmp = fact_perm_letters(rules, isdir, ini_noretrieve(l, name.c_str()), ini_noupload(l, name.c_str()));
   return tmp;
 }
 
-std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& result) {
+std::string fact_unix_mode(int mode) { return strfmt("0%03o", static_cast<unsigned>(mode) & 07777u); }
+
+std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& result, std::string_view perm) {
   result.clear();
   switch (f->id) {
     case 0:
@@ -165,10 +204,10 @@ std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& resul
       result = strfmt("%d.%d", d->dev, d->inode);
       break;
     case 5:
-      fact_perm(d, result);
+      result = perm;
       break;
     case 6:
-      result = unix_mode_show(d->mode, d->isdir, d->islink);
+      result = fact_unix_mode(d->mode);
       break;
     case 7:
       unix_uid_user(d->uid, result);
@@ -182,11 +221,11 @@ std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& resul
   return result;
 }
 
-std::string& fact_show(const FACT* facts, const WILD_DATA* d, std::string& tmp) {
+std::string& fact_show(const FACT* facts, const WILD_DATA* d, std::string& tmp, std::string_view perm) {
   tmp.clear();
   std::string value;
   for (const FACT* f = facts; f->name != nullptr; f++) {
-    fact_show_one(f, d, value);
+    fact_show_one(f, d, value, perm);
     if (value.empty()) continue;
     if (!tmp.empty()) tmp += ';';
     tmp += strfmt("%s=%s", f->name, value.c_str()).substr(0, kFactValueMax);
@@ -238,6 +277,8 @@ int cmd_mlst(LINK* l, char** p, int, const char*) {
   int isdir = visdir(l, fname, etext);
   std::string showname, prefix, realname;
   if (!mlst_paths(l, fname, isdir, showname, prefix, realname)) return 1;
+  std::string perm;
+  fact_perm(l, showname, isdir, perm);
 
   get_mutex_for_unix_thread_safe_directory_scanning();
   if (!vdir_impersonate(l)) {
@@ -264,7 +305,7 @@ int cmd_mlst(LINK* l, char** p, int, const char*) {
       d.size = static_cast<off_t>(size);
     }
     std::string tmp;
-    cmd_write(l, " %.400s %.400s\r\n", fact_show(l->facts, &d, tmp).c_str(), showname.c_str());
+    cmd_write(l, " %.400s %.400s\r\n", fact_show(l->facts, &d, tmp, perm).c_str(), showname.c_str());
   }
   wild_end(h);
   release_mutex_for_unix_thread_safe_directory_scanning();
@@ -306,12 +347,13 @@ int cmd_mlsd(LINK* l, char** p, int, const char*) {
     int isdir = 0;
     if (vdir_tree_first(l, h, fname, 0, &d, &isdir, etext)) {
       etext.clear();
-      std::string lines, facts, name;
+      std::string lines, facts, name, perm;
       for (int more = 1; more; more = tree_next(h.get(), &d)) {
         if (!d.isnorm && !d.islink && !d.isdir) continue;
         dmsg("mlsd: %s %d\n", d.name.c_str(), static_cast<int>(d.size));
+        fact_perm(l, virtual_child(showname, d.name), d.isdir, perm);
         remove_prefix(d.name, prefix, name);
-        lines += strfmt("%.400s %.400s\r\n", fact_show(l->facts, &d, facts).c_str(), name.c_str());
+        lines += strfmt("%.400s %.400s\r\n", fact_show(l->facts, &d, facts, perm).c_str(), name.c_str());
         if (lines.size() >= kListFlushBytes) {
           int n = tcp_write_timed(l->cdata.get(), lines.data(), static_cast<int>(lines.size()),
                                   kChanLineWaitMs);

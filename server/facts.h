@@ -11,6 +11,7 @@
 namespace korv {
 
 struct LINK;
+struct DIRRULES;
 
 inline constexpr int kFactSlots = 11;        // room in a session's table; a null name ends it
 inline constexpr size_t kFactValueMax = 100;  // "name=value" of one fact is cut here
@@ -38,12 +39,26 @@ int fact_setoptions(FACT* facts, std::string_view flist, std::string& reason);
 // otherwise only the enabled ones. Returns `tmp`.
 std::string& fact_showoptions(const FACT* facts, std::string& tmp, int showall);
 // Every fact that has a value for `d`, "name=value;" each, in table order,
-// whatever the selection. Returns `tmp`.
-std::string& fact_show(const FACT* facts, const WILD_DATA* d, std::string& tmp);
+// whatever the selection; `perm` is the entry's fact_perm. Returns `tmp`.
+std::string& fact_show(const FACT* facts, const WILD_DATA* d, std::string& tmp, std::string_view perm);
 // The value of one fact (empty when it has none). Returns `result`.
-std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& result);
-// "cdeflmp" for a directory; "r" for a file, "radfw" with group write.
-std::string& fact_perm(const WILD_DATA* w, std::string& tmp);
+std::string& fact_show_one(const FACT* f, const WILD_DATA* d, std::string& result, std::string_view perm);
+// The "perm" fact: what this session may do at the virtual path `virt`, in
+// the letters of RFC 3659, each granted only when the command it stands for
+// would pass the class's rules there. A file: a (APPE), d (DELE), f (RNFR and
+// RNTO), r (RETR), w (STOR over it). A directory: c (STOR of a new name in
+// it), d (RMD), e (CWD), f (rename), l (LIST, MLSD), m (MKD in it), p (DELE
+// in it). Empty when no rule covers the path. Returns `tmp`.
+std::string& fact_perm(LINK* l, std::string_view virt, int isdir, std::string& tmp);
+// The letters from the rule that covers the path and the class's name
+// filters (`noretrieve`, `noupload`: the name is caught by them).
+std::string fact_perm_letters(const DIRRULES& rules, int isdir, int noretrieve, int noupload);
+// The "unix.mode" fact: the permission bits in octal with a leading zero
+// ("0644", "04755"), never the file type.
+std::string fact_unix_mode(int mode);
+// The virtual path of a listed entry: the last part of `entry` (a name or a
+// real path) below the virtual directory `dir`.
+std::string virtual_child(std::string_view dir, std::string_view entry);
 std::string& bigint_to_str(long long x, std::string& tmp);
 
 // The lock held through MLST's walk of a directory.

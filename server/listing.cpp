@@ -217,12 +217,13 @@ std::vector<WILD_DATA> list_alias_entries(LINK* l, std::string_view xshowname) {
 int cmd_list_aliases(LINK* l, Chan* c, std::string_view showname, std::string_view prefix,
                      int ismlst) {
   ListOut out(l, c);
-  std::string tmp;
+  std::string tmp, perm;
   for (WILD_DATA& wd : list_alias_entries(l, showname)) {
     if (ismlst) {
       // The 4096 is for the listing line only: the size fact of an alias is 0.
       wd.size = 0;
-      if (!out.put(strfmt("%.400s %.400s\r\n", fact_show(l->facts, &wd, tmp).c_str(), wd.name.c_str())))
+      fact_perm(l, virtual_child(showname, wd.name), 1, perm);
+      if (!out.put(strfmt("%.400s %.400s\r\n", fact_show(l->facts, &wd, tmp, perm).c_str(), wd.name.c_str())))
         break;
       continue;
     }

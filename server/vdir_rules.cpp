@@ -33,30 +33,43 @@ const ModeRow kModes[] = {
     {"rename", [](const DIRRULES& r) { return static_cast<int>(r.write && !r.nodel); }},
 };
 
-}  // namespace
-
-int vdir_access(Link* l, std::string_view virt, const char* mode, std::string& etext) {
+// vdir_rules_at with the simplified path that was matched in `simplified`.
+int rules_at(Link* l, std::string_view virt, DIRRULES& rules, std::string& simplified, std::string& etext) {
   etext.clear();
-  std::string result, real;
-  if (!vdir_simplify(result, l->vcwd, virt)) {
+  std::string real;
+  if (!vdir_simplify(simplified, l->vcwd, virt)) {
     etext = "Invalid virtual path";
     return 0;
   }
-  DIRRULES rules;
-  if (!vdir_aliases(l, result, real, &rules)) {
-    etext = strfmt("No matching virtual directory or alias (%.100s)", result.c_str());
+  if (!vdir_aliases(l, simplified, real, &rules)) {
+    etext = strfmt("No matching virtual directory or alias (%.100s)", simplified.c_str());
     return 0;
   }
+  return 1;
+}
+
+}  // namespace
+
+int vdir_rules_at(Link* l, std::string_view virt, DIRRULES& rules, std::string& etext) {
+  std::string simplified;
+  return rules_at(l, virt, rules, simplified, etext);
+}
+
+int vdir_rules_allow(const DIRRULES& rules, const char* mode) {
   if (mode == nullptr) mode = "";
-  int ok = 0;
-  bool known = false;
   for (const ModeRow& row : kModes) {
-    if (strcmp(mode, row.word) != 0) continue;
-    ok = row.allowed(rules) ? 1 : 0;
-    known = true;
-    break;
+    if (strcmp(mode, row.word) == 0) return row.allowed(rules) ? 1 : 0;
   }
-  if (!known) emsg("unknown access type %s.\n", mode);
+  emsg("unknown access type %s.\n", mode);
+  return 0;
+}
+
+int vdir_access(Link* l, std::string_view virt, const char* mode, std::string& etext) {
+  std::string result;
+  DIRRULES rules;
+  if (!rules_at(l, virt, rules, result, etext)) return 0;
+  if (mode == nullptr) mode = "";
+  int ok = vdir_rules_allow(rules, mode);
   etext = strfmt("%s access %s (%s)", mode, ok ? "allowed" : "denied", result.c_str());
   dmsg("%s\n", etext.c_str());
   return ok;

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "server/link.h"
+#include "server/vdir.h"
 
 namespace korv {
 
@@ -16,6 +17,13 @@ namespace korv {
 // "rename"; any other word is denied. 1 or 0; `etext` always receives a text
 // ("<mode> access allowed|denied (<path>)" or the reason the path failed).
 int vdir_access(Link* l, std::string_view virt, const char* mode, std::string& etext);
+
+// The two halves of vdir_access, for callers that ask several words about one
+// path. vdir_rules_at finds the rule covering `virt`: 1 with `rules` set, or
+// 0 with the reason in `etext`. vdir_rules_allow answers `mode` from `rules`
+// exactly as vdir_access would (0 for an unknown word).
+int vdir_rules_at(Link* l, std::string_view virt, DIRRULES& rules, std::string& etext);
+int vdir_rules_allow(const DIRRULES& rules, const char* mode);
 
 // Callback of a recursive scan: `xl` is the session, `dir` a real directory.
 // 1 if its virtual form may be listed, 0 to skip it. Reads the alias pair that

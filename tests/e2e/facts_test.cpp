@@ -1,6 +1,7 @@
 // Machine listings end to end: OPTS MLST and FEAT, MLST on the control
 // channel (files, directories, links, length and existence refusals), MLSD
 // lines with the aliases after them, and Python's ftplib reading MLSD.
+#include <crypt.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <regex>
 #include <string>
 
@@ -20,6 +22,8 @@ struct Server : KorvServer {
   explicit Server(const std::string& cls) : KorvServer(basic_config("") + cls) {
     std::filesystem::create_directories(path("pub/sub"));
     std::ofstream(path("pub/a.txt")) << "hello";
+    chmod(path("pub/a.txt").c_str(), 0644);
+    chmod(path("pub/sub").c_str(), 0755);
     symlink("a.txt", path("pub/ln").c_str());
   }
   long long size_of(const std::string& name) const {
@@ -40,6 +44,13 @@ struct Session : FtpClient {
     reply();
     cmd("USER anonymous");
     EXPECT_EQ(cmd("PASS me@example.org"), "230 Anonymous access granted, restrictions apply.anonymous\r\n");
+  }
+  Session(int port, const std::string& user, const std::string& pass) {
+    EXPECT_TRUE(connect(port));
+    reply();
+    cmd("USER " + user);
+    std::string r = cmd("PASS " + pass);
+    EXPECT_EQ(r.rfind("230", 0), 0u) << user << ": " << r;
   }
 };
 
@@ -84,11 +95,11 @@ TEST(Facts, OptsMlstSelectsWhatFeatShowsButLinesStayWhole) {
   lstat(s.path("pub/a.txt").c_str(), &st);
   const std::string unique = std::to_string(static_cast<int>(st.st_dev)) + "." + std::to_string(static_cast<int>(st.st_ino));
   const std::string facts = "type=file;size=5;modify=[0-9]{14};create=[0-9]{14};unique=" + unique +
-                            ";perm=r;unix.mode=-rw-r--r--;unix.owner=[^;]+;unix.group=[^;]+;";
+                            ";perm=dr;unix.mode=0644;unix.owner=[^;]+;unix.group=[^;]+;";
   std::string r = c.cmd("MLST a.txt");
   EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing a.txt\r\n " + facts + " /a.txt\r\n250 End\r\n"))) << r;
   r = c.cmd("MLST sub");
-  EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing sub/\\*\r\n type=dir;[^ ]*perm=cdeflmp;[^ ]* /sub\r\n250 End\r\n"))) << r;
+  EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing sub/\\*\r\n type=dir;[^ ]*perm=delp;unix.mode=0755;[^ ]* /sub\r\n250 End\r\n"))) << r;
   r = c.cmd("MLST ln");
   EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing ln\r\n type=OS.unix=slink:a.txt;[^ ]* /ln\r\n250 End\r\n"))) << r;
   EXPECT_EQ(c.cmd("MLST nothere").rfind("501 nothere: File does not exist ", 0), 0u);
@@ -105,9 +116,66 @@ TEST(Facts, OptsMlstSelectsWhatFeatShowsButLinesStayWhole) {
                                              "type=OS.unix=slink:a.txt;" + any + " ln\r\n"
                                              "type=dir;" + any + " sub\r\n"
                                              "type=dir;size=0;modify=[0-9]{14};create=19700101000000;unique=0.0;"
-                                             "perm=cdeflmp;unix.mode=dr-xr-xr-x;unix.owner=" + any + " virt\r\n"
+                                             "perm=delp;unix.mode=0555;unix.owner=" + any + " virt\r\n"
                                              "226 MLSD complete. \r\n"))) << r;
   EXPECT_EQ(mlsd(c, "MLSD a.txt"), "501 a.txt: No such file or not a directory: Not a directory\r\n");
+}
+
+std::string hash_of(const char* pass) {
+  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
+  crypt_data cd{};
+  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
+  return crypt_rn(pass, salt, &cd, sizeof cd);
+}
+
+// perm and unix.mode for a file and a directory in each kind of area, the
+// same through MLST and MLSD: anonymous under read alone, anonymous under
+// read with nodel, and a module user in a writable home.
+TEST(Facts, PermAndModeSayWhatThisUserMayDoThere) {
+  KorvServer s(KorvServer::basic_config("\tauthent_process \"" KORV_BINARY_DIR "/omauth\"\n"
+                                        "\tauthent_cmdopts \"-file @HOME@/users\"\n") +
+               "\t\tdir alias=\"/ro\" path=\"@HOME@/ro\" read=\"true\" nodel=\"true\"\n"
+               "\tclass type=\"real\" users=\"*\" name=\"real\" class_name=\"real\"\n"
+               "\t\tdir alias=\"/\" path=\"@HOME@/home/$username\" read=\"true\" write=\"true\"\n");
+  std::ofstream(s.path("users")) << "bob password=\"" << hash_of("pw") << "\"\n";
+  const struct {
+    const char* user;
+    const char* area;  // virtual
+    const char* real;  // below the server's home
+    int file_mode, dir_mode;
+    const char* file_facts;  // perm and unix.mode
+    const char* dir_facts;
+  } cases[] = {
+      // Read alone does not refuse a delete, so the rules allow DELE and RMD.
+      {"anonymous", "/", "pub", 0644, 0755, "perm=dr;unix.mode=0644;", "perm=delp;unix.mode=0755;"},
+      {"anonymous", "/ro", "ro", 0640, 02750, "perm=r;unix.mode=0640;", "perm=el;unix.mode=02750;"},
+      {"bob", "/", "home/bob", 04755, 01777, "perm=adfrw;unix.mode=04755;", "perm=cdeflmp;unix.mode=01777;"},
+  };
+  for (const auto& k : cases) {
+    std::filesystem::create_directories(s.path(std::string(k.real) + "/d"));
+    std::ofstream(s.path(std::string(k.real) + "/f")) << "12345";
+    chmod(s.path(std::string(k.real) + "/f").c_str(), static_cast<mode_t>(k.file_mode));
+    chmod(s.path(std::string(k.real) + "/d").c_str(), static_cast<mode_t>(k.dir_mode));
+  }
+  ASSERT_TRUE(s.start());
+  const std::string times = "modify=[0-9]{14};create=[0-9]{14};unique=[0-9]+\\.[0-9]+;";
+  const std::string owner = "unix\\.owner=[^;]+;unix\\.group=[^;]+;";
+  for (const auto& k : cases) {
+    SCOPED_TRACE(std::string(k.user) + " " + k.area);
+    std::unique_ptr<Session> c = std::string(k.user) == "anonymous" ? std::make_unique<Session>(s.ftp_port())
+                                                                     : std::make_unique<Session>(s.ftp_port(), k.user, "pw");
+    const std::string dir = std::string(k.area) == "/" ? "" : k.area;
+    const std::string file = "type=file;size=5;" + times + std::regex_replace(k.file_facts, std::regex("\\."), "\\.") + owner;
+    const std::string sub = "type=dir;size=[0-9]+;" + times + std::regex_replace(k.dir_facts, std::regex("\\."), "\\.") + owner;
+    std::string r = c->cmd("MLST " + dir + "/f");
+    EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing " + dir + "/f\r\n " + file + " " + dir + "/f\r\n250 End\r\n"))) << r;
+    r = c->cmd("MLST " + dir + "/d");
+    EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing " + dir + "/d/\\*\r\n " + sub + " " + dir + "/d\r\n250 End\r\n"))) << r;
+    if (!dir.empty()) c->cmd("CWD " + dir);
+    r = mlsd(*c, "MLSD");
+    EXPECT_TRUE(std::regex_search(r, std::regex("\r\n" + sub + " d\r\n"))) << r;
+    EXPECT_TRUE(std::regex_search(r, std::regex("\r\n" + file + " f\r\n"))) << r;
+  }
 }
 
 std::string run(const std::string& command) {
