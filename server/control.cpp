@@ -51,16 +51,69 @@ const char* loghome_text = "";
 
 }  // namespace
 
+namespace {
+
+struct OptionHelp {
+    const char* option;
+    const char* text;
+};
+
+const OptionHelp kOptionHelp[] = {
+    {"-config FILE", "read the settings from FILE instead of /etc/korvane.ini"},
+    {"-test", "stay in the foreground instead of detaching as a daemon"},
+    {"-stop", "ask the server running on this configuration to stop"},
+    {"-port N", "the FTP port when the settings give no global_port"},
+    {"-debug", "allow the diagnostic commands of the admin pages"},
+    {"-nothreads", "accepted; no effect"},
+    {"-monitor PID", "run as the monitor of server PID (not in this build)"},
+    {"-smtp HOST", "the mail relay of the monitor's reports"},
+    {"-manager ADDRESS", "the address the monitor's reports go to"},
+    {"-ip_to_scan ADDRESS", "the address the monitor checks"},
+    {"-version", "print the version and exit"},
+    {"-install", "not in this build: use the installer of this distribution"},
+    {"-uninstall", "not in this build: use the installer of this distribution"},
+    {"-password", "not in this build: use the installer of this distribution"},
+    {"-addsvc", "accepted; no effect on this system"},
+    {"-restart", "accepted; no effect"},
+    {"-help, --help, -h", "print this text and exit"},
+};
+
+}  // namespace
+
+void korv_usage(FILE* out) {
+    std::fprintf(out, "Usage: korvane [options]\n");
+    for (const OptionHelp& o : kOptionHelp) std::fprintf(out, "  %-22s %s\n", o.option, o.text);
+    std::fflush(out);
+}
+
 void korv_parse_args(int argc, char** argv, KorvOptions& o) {
+    // A wrong command line starts nothing: one line saying what is wrong, the
+    // usage, and status 2.
+    auto wrong = [&o](const std::string& what) {
+        std::fprintf(stderr, "korvane: %s\n", what.c_str());
+        korv_usage(stderr);
+        o.leave = 1;
+        o.status = 2;
+    };
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
+        static const char* const kWithValue[] = {"-port", "-monitor", "-smtp", "-manager", "-ip_to_scan", "-config"};
+        for (const char* w : kWithValue) {
+            if (a == w && next == nullptr) {
+                wrong("option " + a + " needs a value");
+                return;
+            }
+        }
         auto value = [&](std::string& dst) {
-            if (next == nullptr) return;
             dst.assign(next, strnlen(next, kMonFieldMax));
             ++i;
         };
-        if (a == "-version") {
+        if (a == "-help" || a == "--help" || a == "-h") {
+            korv_usage(stdout);
+            o.leave = 1;
+            return;
+        } else if (a == "-version") {
             printf("verison %s, built %s %s\n", "0.1", __DATE__, "linux");
             printf("Large file offset bits (%d)\n", 64);
             printf("Large file > 2gig support is compiled in\n");
@@ -71,9 +124,9 @@ void korv_parse_args(int argc, char** argv, KorvOptions& o) {
             o.leave = 1;
             return;
         } else if (a == "-port") {
-            if (next != nullptr) o.port = atoi(next), ++i;
+            o.port = atoi(next), ++i;
         } else if (a == "-monitor") {
-            if (next != nullptr) o.mon_pid = atoi(next), ++i;
+            o.mon_pid = atoi(next), ++i;
         } else if (a == "-smtp") {
             value(o.mon_smtp);
         } else if (a == "-manager") {
@@ -81,7 +134,7 @@ void korv_parse_args(int argc, char** argv, KorvOptions& o) {
         } else if (a == "-ip_to_scan") {
             value(o.mon_ip_scan);
         } else if (a == "-config") {
-            if (next != nullptr) o.config = next, ++i;
+            o.config = next, ++i;
         } else if (a == "-nothreads") {
             o.nothreads = 1;
         } else if (a == "-debug") {
@@ -93,7 +146,8 @@ void korv_parse_args(int argc, char** argv, KorvOptions& o) {
         } else if (a == "-addsvc" || a == "-restart") {
             // accepted; nothing to do on this platform
         } else {
-            printf("Usage: korvane [-install] [-thread n] [-port n] [-password] \n");
+            wrong("unknown option " + a);
+            return;
         }
     }
 }

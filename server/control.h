@@ -3,6 +3,7 @@
 // the crash copy of the main log, and detaching from the terminal.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 namespace korv {
@@ -22,15 +23,19 @@ struct KORV_OPTIONS {
     int nodetach = 0;
     int stopit = 0;
     std::string config;  // -config FILE; empty means /etc/korvane.ini
-    int leave = 0;       // an option did its work: main returns 0 at once
+    int leave = 0;       // an option did its work, or the line was wrong: main returns at once
+    int status = 0;      // what main returns then: 0, or 2 for a wrong command line
 };
 using KorvOptions = KORV_OPTIONS;
 
 extern KorvOptions korv_opts;
 
-// Walks the arguments from argv[1] in order into `o`. Unknown options print
-// the usage line and are skipped.
+// Walks the arguments from argv[1] in order into `o`. -help (--help, -h)
+// prints the usage on standard output and leaves with 0; an unknown option,
+// or one without its value, prints it on standard error and leaves with 2.
 void korv_parse_args(int argc, char** argv, KorvOptions& o);
+// Every option, one a line.
+void korv_usage(FILE* out);
 
 // The stem of the control files ("korvane"), set at each start.
 void korv_set_bin_name(const char* name);

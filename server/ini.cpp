@@ -4,9 +4,12 @@
 // download and upload filters, and the per-domain file paths.
 #include "server/ini.h"
 
+#include <fcntl.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +17,7 @@
 #include "base/fmt.h"
 #include "base/wild.h"
 #include "common/emsg.h"
+#include "common/emsg_files.h"
 
 namespace korv {
 
@@ -92,9 +96,7 @@ int ini_read(const char* bin_name, const char* config_path) {
     emsg("Aborting ini_read, already loaded.\n");
     return 0;
   }
-  std::string path = config_path != nullptr && *config_path != 0
-                         ? std::string(config_path)
-                         : strfmt("/etc/%s.ini", g_bin_name.c_str());
+  std::string path = ini_path(g_bin_name.c_str(), config_path);
   printf("Loading ini file (%s)\n", path.c_str());
   fflush(stdout);
   vini_init(path.c_str(), emsg);
@@ -102,6 +104,32 @@ int ini_read(const char* bin_name, const char* config_path) {
     vini_add(r->code, r->cmd, r->dflt, r->type, r->description);
   vini_reload();
   g_loaded.store(true);
+  return 1;
+}
+
+std::string ini_path(const char* bin_name, const char* config_path) {
+  if (config_path != nullptr && *config_path != 0) return config_path;
+  return strfmt("/etc/%s.ini", bin_name != nullptr ? bin_name : "");
+}
+
+int ini_readable(const char* path, std::string& reason) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    reason = errtext(errno);
+    return 0;
+  }
+  // Opening a directory succeeds; reading it does not.
+  char c;
+  ssize_t n;
+  do {
+    n = ::read(fd, &c, 1);
+  } while (n < 0 && errno == EINTR);
+  int err = errno;
+  ::close(fd);
+  if (n < 0) {
+    reason = errtext(err);
+    return 0;
+  }
   return 1;
 }
 

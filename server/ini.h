@@ -153,6 +153,11 @@ using IniLink = INILINK;
 // Loads the settings from `config_path`, or from "/etc/<bin_name>.ini" when
 // that is null or empty. 1, or 0 if they were already loaded.
 int ini_read(const char* bin_name, const char* config_path = nullptr);
+// The file ini_read would load.
+std::string ini_path(const char* bin_name, const char* config_path);
+// Can `path` be opened and read? 1, or 0 with the system's text in `reason`
+// ("No such file or directory", "Is a directory", ...).
+int ini_readable(const char* path, std::string& reason);
 void ini_free_all();
 const char* ini_bin_name();
 

@@ -617,6 +617,17 @@ int run_once(const char* start_word, process_data* children, int& leave) {
 }  // namespace
 
 int korv_main(int argc, char** argv) {
+    // The command line and the configuration's presence are settled before
+    // anything is set up: a wrong line or an unreadable file ends here.
+    korv_parse_args(argc, argv, korv_opts);
+    if (korv_opts.leave) return korv_opts.status;
+    {
+        std::string config = ini_path("korvane", korv_opts.config.c_str()), why;
+        if (!ini_readable(config.c_str(), why)) {
+            fprintf(stderr, "korvane: cannot read configuration %s: %s\n", config.c_str(), why.c_str());
+            return 1;
+        }
+    }
     const char* start_word = "Starting";
     reset_SSLTCP_SSLConfig(&my_main_sslconfig);
     reset_SSLTCP_SSLConfig(&my_webmgr_sslconfig);
@@ -625,8 +636,6 @@ int korv_main(int argc, char** argv) {
     d_malloc_init(imsg);
     th_init_threads();
     mutex_init();
-    korv_parse_args(argc, argv, korv_opts);
-    if (korv_opts.leave) return 0;
     mutex_set_startstop_hook(log_startstop_text);
     mutex_set_crash_hook(mex_crash_shutdown);
     mutex_set_main_status_hook(korv_main_status);

@@ -13,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "tests/support/korv_server.h"
 
@@ -185,6 +186,43 @@ TEST(Process, AdminPortsAnswerWithPlaceholderPage) {
     FtpClient ftp;
     ASSERT_TRUE(ftp.connect(s.ftp_port()));
     EXPECT_EQ(ftp.reply().substr(0, 4), "220 ");
+}
+
+// Help, a wrong command line and an unreadable configuration all end the
+// start at once with a status of their own: never an abort, never a server.
+TEST(Process, HelpWrongOptionsAndUnreadableConfigurationEndTheStart) {
+    KorvServer s(KorvServer::basic_config());
+    fs::create_directories(s.path("adir"));
+    const KorvServer::Run help = s.run_bare({"--help"});
+    ASSERT_TRUE(WIFEXITED(help.status) && WEXITSTATUS(help.status) == 0) << help.status;
+    EXPECT_EQ(help.out.rfind("Usage: korvane", 0), 0u) << help.out;
+    EXPECT_NE(help.out.find("\n  -config FILE "), std::string::npos) << help.out;
+    EXPECT_NE(help.out.find("\n  -test "), std::string::npos) << help.out;
+    EXPECT_EQ(help.err, "");
+
+    const std::string missing = s.path("missing.ini");
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err;
+    } cases[] = {
+        {{"-help"}, 0, help.out, ""},
+        {{"-h", "-nosuch"}, 0, help.out, ""},
+        {{"-test", "-nosuch"}, 2, "", "korvane: unknown option -nosuch\n" + help.out},
+        {{"-test", "-config", missing}, 1, "", "korvane: cannot read configuration " + missing + ": No such file or directory\n"},
+        {{"-stop", "-config", missing}, 1, "", "korvane: cannot read configuration " + missing + ": No such file or directory\n"},
+        {{"-test", "-config", s.path("adir")}, 1, "", "korvane: cannot read configuration " + s.path("adir") + ": Is a directory\n"},
+    };
+    for (const auto& k : cases) {
+        std::string line;
+        for (const std::string& a : k.args) line += a + " ";
+        SCOPED_TRACE(line);
+        KorvServer::Run r = s.run_bare(k.args);
+        EXPECT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == k.status) << r.status;
+        EXPECT_EQ(r.out, k.out);
+        EXPECT_EQ(r.err, k.err);
+    }
+    EXPECT_FALSE(fs::exists(s.path("korvane.log")));
 }
 
 }  // namespace

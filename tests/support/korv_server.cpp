@@ -246,6 +246,24 @@ int KorvServer::run_again(const std::vector<std::string>& args, int timeout_ms) 
     return st;
 }
 
+KorvServer::Run KorvServer::run_bare(const std::vector<std::string>& args, int timeout_ms) {
+    std::vector<std::string> argv{binary_};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ::remove(path("bare.out").c_str());
+    ::remove(path("bare.err").c_str());
+    Run r;
+    pid_t p = spawn(argv, path("bare.out"), path("bare.err"), dir_);
+    if (p <= 0) return r;
+    if (!wait_pid(p, timeout_ms, &r.status)) {
+        ::kill(p, SIGKILL);
+        wait_pid(p, 5000, &r.status);
+        r.status = -1;
+    }
+    r.out = read_file(path("bare.out"));
+    r.err = read_file(path("bare.err"));
+    return r;
+}
+
 int KorvServer::signal(int sig) { return pid_ > 0 && !reaped_ ? ::kill(pid_, sig) : -1; }
 
 bool KorvServer::wait_exit(int timeout_ms, int* status) {
@@ -287,7 +305,7 @@ bool KorvServer::wait_log(const std::string& needle, int timeout_ms) const {
 
 void KorvServer::check_clean() const {
     std::string log = log_text();
-    std::string err = stderr_text() + read_file(path("again.err"));
+    std::string err = stderr_text() + read_file(path("again.err")) + read_file(path("bare.err"));
     for (int i = 0; kCrashMarkers[i] != nullptr; ++i) {
         if (log.find(kCrashMarkers[i]) != std::string::npos)
             ADD_FAILURE() << "the main log holds \"" << kCrashMarkers[i] << "\":\n" << log;

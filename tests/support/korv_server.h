@@ -44,6 +44,14 @@ public:
     // Runs the binary once more with the same configuration (e.g. "-stop") and
     // waits for it to end; its exit status, or -1.
     int run_again(const std::vector<std::string>& args, int timeout_ms = 20000);
+    // Runs the binary once with exactly `args` (no -test, no -config) in the
+    // home and waits for it to end: its wait status (-1 if it had to be
+    // killed) and what it wrote on standard output and standard error.
+    struct Run {
+        int status = -1;
+        std::string out, err;
+    };
+    Run run_bare(const std::vector<std::string>& args, int timeout_ms = 20000);
     // SIGTERM, then SIGKILL after `timeout_ms`. True if it ended on its own.
     bool stop(int timeout_ms = 20000);
     int signal(int sig);
