@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "base/fmt.h"
-#include "common/emsg.h"
+#include "base/report.h"
 
 namespace korv {
 
@@ -50,7 +50,7 @@ std::atomic<DallocLogFn> g_log{nullptr};
 
 DallocLogFn logger() {
     DallocLogFn f = g_log.load(std::memory_order_relaxed);
-    return f ? f : &emsg;
+    return f ? f : &base_report;
 }
 
 unsigned char* base_of(const void* p) {
@@ -70,7 +70,7 @@ bool guards_ok(const void* p, size_t size) {
 [[noreturn]] void dalloc_fatal(const char* file, int line, const char* text) {
     const std::string msg = strfmt("d_alloc fatal at %s:%d: %s\n", file, line, text);
     fputs(msg.c_str(), stderr);
-    emsg("%s", msg.c_str());
+    base_report("%s", msg.c_str());
     abort();
 }
 

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/report.h"
 #include "base/wild.h"
-#include "common/emsg.h"
 
 namespace korv {
 
@@ -181,7 +181,7 @@ int tree_finish(TreeHandlePtr& th, const ScanNote& note, WILD_DATA* data) {
 
 void tree_handle_check(const TreeHandlePtr& th) {
     if (th) {
-        emsg("Tree handle was not null\n");
+        base_report("Tree handle was not null\n");
         abort();
     }
 }

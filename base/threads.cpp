@@ -15,7 +15,7 @@
 #include <ctime>
 #include <mutex>
 
-#include "common/emsg.h"
+#include "base/report.h"
 
 namespace korv {
 
@@ -84,17 +84,17 @@ Thread* th_new(ThreadFn fn, void* arg) {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     int rc = pthread_attr_setscope(&attr, PTHREAD_SCOPE_SYSTEM);
-    if (rc != 0) emsg("Thread setscope failed %s\n", errtext(rc).c_str());
+    if (rc != 0) base_report("Thread setscope failed %s\n", errtext(rc).c_str());
     rc = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    if (rc != 0) emsg("Thread setdetachstate failed %s\n", errtext(rc).c_str());
+    if (rc != 0) base_report("Thread setdetachstate failed %s\n", errtext(rc).c_str());
     if (size_t ss = stack_size.load(); ss != 0) {
         rc = pthread_attr_setstacksize(&attr, ss);
-        if (rc != 0) emsg("Thread setstacksize %zu failed %s\n", ss, errtext(rc).c_str());
+        if (rc != 0) base_report("Thread setstacksize %zu failed %s\n", ss, errtext(rc).c_str());
     }
     rc = pthread_create(&t->h, &attr, thread_start, start.get());
     pthread_attr_destroy(&attr);
     if (rc != 0) {
-        emsg("Thread creation failed %s\n", errtext(rc).c_str());
+        base_report("Thread creation failed %s\n", errtext(rc).c_str());
         return nullptr;
     }
     start.release();  // the new thread owns it now

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
+#include "base/report.h"
 #include "base/str.h"
-#include "common/emsg.h"
 
 namespace korv {
 
@@ -145,7 +145,7 @@ int token_split2(char* s, char** p, const char* sep, int tmax) {
     if (*q) {
         for (;;) {
             if (n + 5 >= tmax) {
-                emsg("Too many tokens in this header line\n");
+                base_report("Too many tokens in this header line\n");
                 break;
             }
             p[n++] = q;

@@ -16,6 +16,7 @@
 #include <mutex>
 
 #include "base/fmt.h"
+#include "base/report.h"
 #include "base/threads.h"
 #include "common/emsg_files.h"
 #include "common/mutex.h"
@@ -96,6 +97,9 @@ void rotate_files(const std::string& name) {
         }
     }
 }
+
+// The foundation's error reports join the main log from the start.
+[[maybe_unused]] const bool g_reports_to_log = (base_set_report(&emsg), true);
 
 }  // namespace
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "server/mex_auths.h"
+#include "server/auth/mex_auths.h"
 
 namespace {
 

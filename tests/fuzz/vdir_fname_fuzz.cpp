@@ -15,9 +15,9 @@
 
 #include "common/emsg.h"
 #include "common/mutex.h"
-#include "server/ini.h"
-#include "server/vdir.h"
-#include "server/vdir_rules.h"
+#include "server/settings/ini.h"
+#include "server/vfs/vdir.h"
+#include "server/vfs/vdir_rules.h"
 
 namespace {
 

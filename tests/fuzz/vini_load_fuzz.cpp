@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <string>
 
-#include "base/vini.h"
-#include "server/ini.h"
+#include "server/settings/ini.h"
+#include "store/vini.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "base/vini.h"
-#include "server/ini.h"
+#include "server/settings/ini.h"
+#include "store/vini.h"
 
 namespace {
 

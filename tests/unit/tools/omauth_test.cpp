@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "net/spawn.h"
-#include "server/mex_auths.h"
+#include "server/auth/mex_auths.h"
 
 namespace korv {
 namespace {

@@ -1,0 +1,55 @@
+// The server's spine: main in its start-up order and the internal restart,
+// the two accept loops (FTP on its own thread, the web ports on the main
+// thread), binding the listening ports, handing each accepted connection to
+// a pooled thread, and the run flags that stop, restart or re-bind the loops.
+#pragma once
+
+#include <atomic>
+#include <ctime>
+
+#include "net/libtcp.h"
+#include "net/spawn.h"
+#include "server/session/runstate.h"
+
+namespace korv {
+
+
+using process_data = single_list;  // the children reaped by the idle tick
+struct LINK;
+
+
+// The ports in use after the settings were read.
+int korv_ftp_port();
+int korv_mgr_port();
+int korv_mgr_ssl_port();
+
+// The whole program: returns 0 on every normal path.
+int korv_main(int argc, char** argv);
+
+int start_korv_main(process_data* main_process_info, int* started_up_self_loop_checking);
+int threaded_listen_accept_handler(void* p);
+int listen_accept_handler(process_data* main_process_info, int* started_up_self_loop_checking, int do_ftp_channels);
+// Opens one listening socket and adds it to `clist`. `tmp` receives an error text.
+int bind_add_address(const char* connection_type, Chan_List** clist, WaitFn function, void* parameter, int autossl,
+                     const char* ipadress, int port, int reuse, std::string& tmp);
+int try_accept_connection_no_threads(Chan_List* itm);
+
+// Session routines carried by a listener node.
+using SessionFn = int (*)(LINK* l);
+
+int korv_is_ftp_active();
+int korv_startftp(const char* reason);
+int korv_stopftp(const char* reason);
+int korvane_shutdown(const char* reason);
+int korvane_restart(const char* reason);
+void korvane_unsafe_restart(int x);
+
+// Wakes both accept loops at once (a flag changed, a signal arrived).
+void korv_wake_loops();
+
+// CPU time of the process in ms, refreshed by the main loop.
+int korv_main_cpu_msec();
+// The main loop's state text for crash reports.
+const char* korv_main_status();
+
+}  // namespace korv
