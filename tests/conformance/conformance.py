@@ -9,7 +9,6 @@ crosses is compared byte for byte with its source.
 
     conformance.py --binary build/korvane --omauth build/omauth [unittest args]
 """
-import argparse
 import ftplib
 import io
 import os
@@ -22,7 +21,6 @@ import unittest
 import harness
 from harness import ImplicitFTP_TLS, digest, insecure_context
 
-ARGS = None
 SERVER = None
 
 SPARSE_AT = 5_000_000_000  # a sparse file's only data lies past 4 GiB
@@ -306,15 +304,5 @@ class Lftp(unittest.TestCase):
         self.assertEqual(tree(SERVER.path("home/alice/tree-up")), tree(SERVER.path("pub/tree")))
 
 
-def main():
-    global ARGS, SERVER
-    p = argparse.ArgumentParser()
-    p.add_argument("--binary", required=True)
-    p.add_argument("--omauth", required=True)
-    ARGS, rest = p.parse_known_args()
-    SERVER = Server(os.path.abspath(ARGS.binary), os.path.abspath(ARGS.omauth))
-    sys.exit(harness.run_suite(SERVER, [sys.argv[0]] + rest))
-
-
 if __name__ == "__main__":
-    main()
+    harness.main(Server)

@@ -5,6 +5,7 @@ A Server writes a configuration into a temporary directory (one domain,
 authentication module, starts the binary on free loopback ports and, at the
 end, stops it and reports any crash marker in its output or log.
 """
+import argparse
 import glob
 import hashlib
 import os
@@ -14,6 +15,7 @@ import signal
 import socket
 import ssl
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -171,6 +173,19 @@ def insecure_context():
     ctx.check_hostname = False
     ctx.verify_mode = ssl.CERT_NONE
     return ctx
+
+
+def main(make_server):
+    """The command line of a suite: --binary and --omauth make the server
+    (`make_server(binary, omauth)`), the rest goes to unittest. Returns the
+    server for the cases to use and exits with the suite's status."""
+    p = argparse.ArgumentParser()
+    p.add_argument("--binary", required=True)
+    p.add_argument("--omauth", required=True)
+    args, rest = p.parse_known_args()
+    server = make_server(os.path.abspath(args.binary), os.path.abspath(args.omauth))
+    sys.modules["__main__"].SERVER = server
+    sys.exit(run_suite(server, [sys.argv[0]] + rest))
 
 
 def run_suite(server, argv):

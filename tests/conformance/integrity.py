@@ -12,7 +12,6 @@ One server per run; each case uploads many files in one session.
     integrity.py --binary build/korvane --omauth build/omauth CLIENT
     CLIENT: Curl, Lftp, Ftplib or RawClient
 """
-import argparse
 import ftplib
 import io
 import os
@@ -433,15 +432,5 @@ class RawClient(Checked):
         self.assert_stored("alice", "", {"active-order.bin": data})
 
 
-def main():
-    global SERVER
-    p = argparse.ArgumentParser()
-    p.add_argument("--binary", required=True)
-    p.add_argument("--omauth", required=True)
-    args, rest = p.parse_known_args()
-    SERVER = Server(os.path.abspath(args.binary), os.path.abspath(args.omauth))
-    sys.exit(harness.run_suite(SERVER, [sys.argv[0]] + rest))
-
-
 if __name__ == "__main__":
-    main()
+    harness.main(Server)
