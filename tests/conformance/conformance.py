@@ -15,7 +15,6 @@ import os
 import random
 import shutil
 import subprocess
-import sys
 import unittest
 
 import harness

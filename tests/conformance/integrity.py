@@ -22,7 +22,6 @@ import socket
 import ssl
 import struct
 import subprocess
-import sys
 import unittest
 
 import harness
