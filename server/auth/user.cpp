@@ -32,6 +32,7 @@ namespace {
 constexpr size_t kSpawnUserMax = 200;   // the name sent to a module is cut here
 constexpr size_t kResultCopyMax = 999;  // the answer kept for the cache
 constexpr int kMaxGroups = 100;         // groups read from a module's answer
+constexpr int kNobodyId = 65534;        // uid and gid when neither ftp nor nobody exists
 
 std::atomic<UserCheckFn> check_fn{nullptr};
 
@@ -138,8 +139,11 @@ int load_result_into_token(UtokenPtr& utoken, const char* user, std::string& res
   u.droppath.clear();  // no module data reaches it
   std::string groups, v;
   mex_decode(result, "groups", groups);
-  if (mex_decode(result, "ftpuid", v)) u.uid = atoi(v.c_str());
-  if (mex_decode(result, "ftpgid", v)) u.gid = atoi(v.c_str());
+  // A module that names no system account gets the unprivileged one, never
+  // the server's own root.
+  const Utoken* anon = user_anonymous_token();
+  u.uid = mex_decode(result, "ftpuid", v) ? atoi(v.c_str()) : anon->uid;
+  u.gid = mex_decode(result, "ftpgid", v) ? atoi(v.c_str()) : anon->gid;
   if (mex_decode(result, "ftpquota", v)) u.quota = mynice_int64bit_atoi(v.c_str());
   if (mex_decode(result, "ftpfromip", v)) u.from_ip = v;
   if (mex_decode(result, "dailyquota", v)) u.dailyquota = mynice_int64bit_atoi(v.c_str());
@@ -262,12 +266,13 @@ int user_has_group_membership(const Utoken* user, const char* groupname) {
 int user_become(UtokenPtr& uu, const char* user, std::string& reason) {
   if (user != nullptr && *user != 0) {
     MutexHold hold(MUTEX_PASSWORD);
-    if (!uu) uu.reset(new UTOKEN);
     passwd pw{};
     std::vector<char> buf(16384);
     passwd* res = nullptr;
     int e = getpwnam_r(user, &pw, buf.data(), buf.size(), &res);
     if (res != nullptr) {
+      // Made only for an account that exists: a fresh token would be root.
+      if (!uu) uu.reset(new UTOKEN);
       uu->uid = static_cast<int>(pw.pw_uid);
       uu->gid = static_cast<int>(pw.pw_gid);
       if (pw.pw_dir != nullptr && *pw.pw_dir != 0) {
@@ -286,11 +291,43 @@ int user_become(UtokenPtr& uu, const char* user, std::string& reason) {
   return 1;
 }
 
+namespace {
+
+// Switching needs root; without it every session already is the server's user.
+// The saved uid stays root while a thread acts as someone else.
+bool can_switch() {
+  uid_t r = 0, e = 0, saved = 0;
+  return getresuid(&r, &e, &saved) == 0 && saved == 0;
+}
+
+}  // namespace
+
+const Utoken* user_anonymous_token() {
+  static const UTOKEN* const token = [] {
+    auto* t = new UTOKEN;  // lives as long as the process
+    t->uid = t->gid = kNobodyId;
+    for (const char* name : {"ftp", "nobody"}) {
+      passwd pw{};
+      std::vector<char> buf(16384);
+      passwd* res = nullptr;
+      if (getpwnam_r(name, &pw, buf.data(), buf.size(), &res) == 0 && res != nullptr) {
+        t->user = name;
+        t->uid = static_cast<int>(pw.pw_uid);
+        t->gid = static_cast<int>(pw.pw_gid);
+        break;
+      }
+    }
+    return t;
+  }();
+  return token;
+}
+
 int user_impersonate(const Utoken* u) {
   if (u == nullptr) {
     imsg("impersonate not enabled\n");
     return 1;
   }
+  if (!can_switch()) return 1;
   // Only this thread changes identity (base/identity.h): other sessions keep
   // their own and need not wait.
   if (thread_setegid(static_cast<gid_t>(u->gid)) != 0) {
@@ -310,7 +347,7 @@ int user_impersonate(const Utoken* u) {
 }
 
 int user_revert(const Utoken* u) {
-  if (u == nullptr) return 1;
+  if (u == nullptr || !can_switch()) return 1;
   if (thread_seteuid(0) != 0) emsg("Seteuid restore failed was %d %.500s\n", u->uid, errtext(errno).c_str());
   if (thread_setegid(0) != 0) emsg("Setegid restore failed was %d %.500s\n", u->gid, errtext(errno).c_str());
   if (thread_initgroups("root", 0) != 0) {

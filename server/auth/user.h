@@ -91,9 +91,15 @@ int user_become(UtokenPtr& uu, const char* user, std::string& reason);
 
 // Switches the calling thread's effective identity to `u`'s; other threads
 // keep theirs. Null `u` does nothing. user_revert goes back to root, also
-// after a failed switch.
+// after a failed switch. A server that does not run as root has nothing to
+// switch: both do nothing and succeed.
 int user_impersonate(const Utoken* u);
 int user_revert(const Utoken* u);
+
+// The unprivileged system account that sessions without an account of their
+// own act as: `ftp`, else `nobody`, else uid and gid 65534. Looked up once.
+// Never null.
+const Utoken* user_anonymous_token();
 
 // `home`, or "/home/users" for null.
 const char* user_home(const Utoken* u);
