@@ -143,6 +143,10 @@ TEST_F(UserLogin, ModuleAnswerFillsTheToken) {
   load_result_into_token(bare, "amy", plain);
   EXPECT_EQ(bare->accountstatus, 1);
   EXPECT_EQ(bare->ftphome, "");
+  // No ids from the module: the unprivileged account's, never root's.
+  EXPECT_EQ(bare->uid, user_anonymous_token()->uid);
+  EXPECT_EQ(bare->gid, user_anonymous_token()->gid);
+  EXPECT_NE(bare->uid, 0);
   EXPECT_EQ(bare->usergroups, nullptr);
 }
 
