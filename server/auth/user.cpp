@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "base/fmt.h"
@@ -303,8 +304,8 @@ bool can_switch() {
 }  // namespace
 
 const Utoken* user_anonymous_token() {
-  static const UTOKEN* const token = [] {
-    auto* t = new UTOKEN;  // lives as long as the process
+  static const std::unique_ptr<UTOKEN> token = [] {
+    auto t = std::make_unique<UTOKEN>();
     t->uid = t->gid = kNobodyId;
     for (const char* name : {"ftp", "nobody"}) {
       passwd pw{};
@@ -319,7 +320,7 @@ const Utoken* user_anonymous_token() {
     }
     return t;
   }();
-  return token;
+  return token.get();
 }
 
 int user_impersonate(const Utoken* u) {

@@ -59,7 +59,8 @@ extern const char* const accountstatus_messages[kAccountStatusMax + 1];
 long long mynice_int64bit_atoi(const char* s);
 
 // Fills a fresh token from a module's "+OK name text field=\"value\" ..." line.
-// `user` is the name as typed. `result` is read and may be changed.
+// `user` is the name as typed. `result` is read and may be changed. Without
+// ftpuid/ftpgid the ids are those of user_anonymous_token.
 int load_result_into_token(UtokenPtr& utoken, const char* user, std::string& result);
 
 // Entry for every login: tries the name and password, then the name in lower
