@@ -143,7 +143,9 @@ int load_result_into_token(UtokenPtr& utoken, const char* user, std::string& res
   // A module that names no system account gets the unprivileged one, never
   // the server's own root.
   const Utoken* anon = user_anonymous_token();
-  u.uid = mex_decode(result, "ftpuid", v) ? atoi(v.c_str()) : anon->uid;
+  const bool has_uid = mex_decode(result, "ftpuid", v);
+  u.uid = has_uid ? atoi(v.c_str()) : anon->uid;
+  u.sysgroups = has_uid ? 1 : 0;
   u.gid = mex_decode(result, "ftpgid", v) ? atoi(v.c_str()) : anon->gid;
   if (mex_decode(result, "ftpquota", v)) u.quota = mynice_int64bit_atoi(v.c_str());
   if (mex_decode(result, "ftpfromip", v)) u.from_ip = v;
@@ -276,7 +278,9 @@ int user_become(UtokenPtr& uu, const char* user, std::string& reason) {
       if (!uu) uu.reset(new UTOKEN);
       uu->uid = static_cast<int>(pw.pw_uid);
       uu->gid = static_cast<int>(pw.pw_gid);
+      uu->sysgroups = 0;  // the groups follow the name only once it is the account's
       if (pw.pw_dir != nullptr && *pw.pw_dir != 0) {
+        uu->sysgroups = 1;
         uu->home = pw.pw_dir;
         uu->ftphome.clear();
         uu->user = user;
@@ -335,7 +339,10 @@ int user_impersonate(const Utoken* u) {
     emsg("Setegid failed user=%d %.500s\n", u->gid, errtext(errno).c_str());
     return 0;
   }
-  if (!u->user.empty() && thread_initgroups(u->user.c_str(), static_cast<gid_t>(u->gid)) != 0) {
+  const int groups = u->sysgroups == 0 ? thread_setgroups_one(static_cast<gid_t>(u->gid))
+                     : !u->user.empty() ? thread_initgroups(u->user.c_str(), static_cast<gid_t>(u->gid))
+                                        : 0;
+  if (groups != 0) {
     emsg("initgroups failed user=%s group=%d %.500s\n", u->user.c_str(), u->gid,
          errtext(errno).c_str());
     return 0;

@@ -22,6 +22,10 @@ struct UTOKEN {
   WordlistPtr accessgroups;
   int uid = 0;
   int gid = 0;
+  // 1: file work gets the supplementary groups of `user` from the group
+  // database; 0: `gid` alone (a module user that names no system account,
+  // whose name may be a system account's by chance).
+  int sysgroups = 1;
   int accountstatus = 0;  // 1..7, see determine_account_status
   long long dailyquota = 0;
   long long quota = 0;
