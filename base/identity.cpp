@@ -101,4 +101,6 @@ int thread_initgroups(const char* user, gid_t gid) {
     return static_cast<int>(syscall(kSetgroups, list->size(), list->data()));
 }
 
+int thread_setgroups_one(gid_t gid) { return static_cast<int>(syscall(kSetgroups, 1, &gid)); }
+
 }  // namespace korv

@@ -17,5 +17,7 @@ int thread_seteuid(uid_t uid);
 // set them. The list is read from the group database at most once a minute
 // per thread and name.
 int thread_initgroups(const char* user, gid_t gid);
+// `gid` as the only supplementary group.
+int thread_setgroups_one(gid_t gid);
 
 }  // namespace korv

@@ -186,10 +186,11 @@ int osspawn_raw(char** args, const char* quoted_cmd, char** env, std::string* re
     return 1;
 }
 
-int osspawn_create(const char* quoted_cmds, std::string* reason, int use_std_pipes, osspawn_info* pinfo) {
-    std::string cmd(quoted_cmds ? quoted_cmds : "");
-    if (cmd.size() > kSpawnCmdMax) cmd.resize(kSpawnCmdMax);
-    std::vector<std::string> words = split_blanks(cmd);
+namespace {
+
+// Runs words[0] with the words as its arguments and the spawn environment.
+int spawn_words(std::vector<std::string>& words, const std::string& shown, std::string* reason, int use_std_pipes,
+                osspawn_info* pinfo) {
     if (words.empty()) {
         set_reason(reason, "no executable name");
         return 0;
@@ -205,12 +206,36 @@ int osspawn_create(const char* quoted_cmds, std::string* reason, int use_std_pip
     std::vector<char*> env;
     for (std::string& e : env_copy) env.push_back(e.data());
     env.push_back(nullptr);
-    return osspawn_raw(args.data(), cmd.c_str(), env_copy.empty() ? environ : env.data(), reason, use_std_pipes,
+    return osspawn_raw(args.data(), shown.c_str(), env_copy.empty() ? environ : env.data(), reason, use_std_pipes,
                        pinfo);
+}
+
+}  // namespace
+
+int osspawn_create(const char* quoted_cmds, std::string* reason, int use_std_pipes, osspawn_info* pinfo) {
+    std::string cmd(quoted_cmds ? quoted_cmds : "");
+    if (cmd.size() > kSpawnCmdMax) cmd.resize(kSpawnCmdMax);
+    std::vector<std::string> words = split_blanks(cmd);
+    return spawn_words(words, cmd, reason, use_std_pipes, pinfo);
 }
 
 int libspawn_create(const char* quoted_cmds, std::string* reason, int use_std_pipes, osspawn_info* pinfo) {
     return osspawn_create(quoted_cmds, reason, use_std_pipes, pinfo);
+}
+
+int libspawn_create_args(const char* program, const std::vector<std::string>& args, std::string* reason,
+                         int use_std_pipes, osspawn_info* pinfo) {
+    std::string shown(program ? program : "");
+    std::vector<std::string> words = split_blanks(shown);
+    if (words.empty()) {
+        set_reason(reason, "no executable name");
+        return 0;
+    }
+    for (const std::string& a : args) {
+        words.push_back(a);
+        shown += " " + a;
+    }
+    return spawn_words(words, shown, reason, use_std_pipes, pinfo);
 }
 
 int osspawn_is_process_finished(osspawn_info* pinfo, std::string* reason) {

@@ -26,6 +26,11 @@ struct osspawn_info {
 // `reason` may be null everywhere.
 int osspawn_create(const char* quoted_cmds, std::string* reason, int use_std_pipes, osspawn_info* pinfo);
 int libspawn_create(const char* quoted_cmds, std::string* reason, int use_std_pipes, osspawn_info* pinfo);
+// `program` is split at blanks like a command line (a program with its own
+// options); each of `args` follows as one argument exactly as given, blanks
+// and quotes included.
+int libspawn_create_args(const char* program, const std::vector<std::string>& args, std::string* reason,
+                         int use_std_pipes, osspawn_info* pinfo);
 int osspawn_raw(char** args, const char* quoted_cmd, char** env, std::string* reason, int need_std_handles,
                 osspawn_info* pinfo);
 int osspawn_is_process_finished(osspawn_info* pinfo, std::string* reason);

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "base/fmt.h"
@@ -32,6 +33,7 @@ namespace {
 constexpr size_t kSpawnUserMax = 200;   // the name sent to a module is cut here
 constexpr size_t kResultCopyMax = 999;  // the answer kept for the cache
 constexpr int kMaxGroups = 100;         // groups read from a module's answer
+constexpr int kNobodyId = 65534;        // uid and gid when neither ftp nor nobody exists
 
 std::atomic<UserCheckFn> check_fn{nullptr};
 
@@ -138,8 +140,13 @@ int load_result_into_token(UtokenPtr& utoken, const char* user, std::string& res
   u.droppath.clear();  // no module data reaches it
   std::string groups, v;
   mex_decode(result, "groups", groups);
-  if (mex_decode(result, "ftpuid", v)) u.uid = atoi(v.c_str());
-  if (mex_decode(result, "ftpgid", v)) u.gid = atoi(v.c_str());
+  // A module that names no system account gets the unprivileged one, never
+  // the server's own root.
+  const Utoken* anon = user_anonymous_token();
+  const bool has_uid = mex_decode(result, "ftpuid", v);
+  u.uid = has_uid ? atoi(v.c_str()) : anon->uid;
+  u.sysgroups = has_uid ? 1 : 0;
+  u.gid = mex_decode(result, "ftpgid", v) ? atoi(v.c_str()) : anon->gid;
   if (mex_decode(result, "ftpquota", v)) u.quota = mynice_int64bit_atoi(v.c_str());
   if (mex_decode(result, "ftpfromip", v)) u.from_ip = v;
   if (mex_decode(result, "dailyquota", v)) u.dailyquota = mynice_int64bit_atoi(v.c_str());
@@ -262,15 +269,18 @@ int user_has_group_membership(const Utoken* user, const char* groupname) {
 int user_become(UtokenPtr& uu, const char* user, std::string& reason) {
   if (user != nullptr && *user != 0) {
     MutexHold hold(MUTEX_PASSWORD);
-    if (!uu) uu.reset(new UTOKEN);
     passwd pw{};
     std::vector<char> buf(16384);
     passwd* res = nullptr;
     int e = getpwnam_r(user, &pw, buf.data(), buf.size(), &res);
     if (res != nullptr) {
+      // Made only for an account that exists: a fresh token would be root.
+      if (!uu) uu.reset(new UTOKEN);
       uu->uid = static_cast<int>(pw.pw_uid);
       uu->gid = static_cast<int>(pw.pw_gid);
+      uu->sysgroups = 0;  // the groups follow the name only once it is the account's
       if (pw.pw_dir != nullptr && *pw.pw_dir != 0) {
+        uu->sysgroups = 1;
         uu->home = pw.pw_dir;
         uu->ftphome.clear();
         uu->user = user;
@@ -286,18 +296,53 @@ int user_become(UtokenPtr& uu, const char* user, std::string& reason) {
   return 1;
 }
 
+namespace {
+
+// Switching needs root; without it every session already is the server's user.
+// The saved uid stays root while a thread acts as someone else.
+bool can_switch() {
+  uid_t r = 0, e = 0, saved = 0;
+  return getresuid(&r, &e, &saved) == 0 && saved == 0;
+}
+
+}  // namespace
+
+const Utoken* user_anonymous_token() {
+  static const std::unique_ptr<UTOKEN> token = [] {
+    auto t = std::make_unique<UTOKEN>();
+    t->uid = t->gid = kNobodyId;
+    for (const char* name : {"ftp", "nobody"}) {
+      passwd pw{};
+      std::vector<char> buf(16384);
+      passwd* res = nullptr;
+      if (getpwnam_r(name, &pw, buf.data(), buf.size(), &res) == 0 && res != nullptr) {
+        t->user = name;
+        t->uid = static_cast<int>(pw.pw_uid);
+        t->gid = static_cast<int>(pw.pw_gid);
+        break;
+      }
+    }
+    return t;
+  }();
+  return token.get();
+}
+
 int user_impersonate(const Utoken* u) {
   if (u == nullptr) {
     imsg("impersonate not enabled\n");
     return 1;
   }
+  if (!can_switch()) return 1;
   // Only this thread changes identity (base/identity.h): other sessions keep
   // their own and need not wait.
   if (thread_setegid(static_cast<gid_t>(u->gid)) != 0) {
     emsg("Setegid failed user=%d %.500s\n", u->gid, errtext(errno).c_str());
     return 0;
   }
-  if (!u->user.empty() && thread_initgroups(u->user.c_str(), static_cast<gid_t>(u->gid)) != 0) {
+  const int groups = u->sysgroups == 0 ? thread_setgroups_one(static_cast<gid_t>(u->gid))
+                     : !u->user.empty() ? thread_initgroups(u->user.c_str(), static_cast<gid_t>(u->gid))
+                                        : 0;
+  if (groups != 0) {
     emsg("initgroups failed user=%s group=%d %.500s\n", u->user.c_str(), u->gid,
          errtext(errno).c_str());
     return 0;
@@ -310,7 +355,7 @@ int user_impersonate(const Utoken* u) {
 }
 
 int user_revert(const Utoken* u) {
-  if (u == nullptr) return 1;
+  if (u == nullptr || !can_switch()) return 1;
   if (thread_seteuid(0) != 0) emsg("Seteuid restore failed was %d %.500s\n", u->uid, errtext(errno).c_str());
   if (thread_setegid(0) != 0) emsg("Setegid restore failed was %d %.500s\n", u->gid, errtext(errno).c_str());
   if (thread_initgroups("root", 0) != 0) {

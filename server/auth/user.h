@@ -22,6 +22,10 @@ struct UTOKEN {
   WordlistPtr accessgroups;
   int uid = 0;
   int gid = 0;
+  // 1: file work gets the supplementary groups of `user` from the group
+  // database; 0: `gid` alone (a module user that names no system account,
+  // whose name may be a system account's by chance).
+  int sysgroups = 1;
   int accountstatus = 0;  // 1..7, see determine_account_status
   long long dailyquota = 0;
   long long quota = 0;
@@ -59,7 +63,8 @@ extern const char* const accountstatus_messages[kAccountStatusMax + 1];
 long long mynice_int64bit_atoi(const char* s);
 
 // Fills a fresh token from a module's "+OK name text field=\"value\" ..." line.
-// `user` is the name as typed. `result` is read and may be changed.
+// `user` is the name as typed. `result` is read and may be changed. Without
+// ftpuid/ftpgid the ids are those of user_anonymous_token.
 int load_result_into_token(UtokenPtr& utoken, const char* user, std::string& result);
 
 // Entry for every login: tries the name and password, then the name in lower
@@ -91,9 +96,15 @@ int user_become(UtokenPtr& uu, const char* user, std::string& reason);
 
 // Switches the calling thread's effective identity to `u`'s; other threads
 // keep theirs. Null `u` does nothing. user_revert goes back to root, also
-// after a failed switch.
+// after a failed switch. A server that does not run as root has nothing to
+// switch: both do nothing and succeed.
 int user_impersonate(const Utoken* u);
 int user_revert(const Utoken* u);
+
+// The unprivileged system account that sessions without an account of their
+// own act as: `ftp`, else `nobody`, else uid and gid 65534. Looked up once.
+// Never null.
+const Utoken* user_anonymous_token();
 
 // `home`, or "/home/users" for null.
 const char* user_home(const Utoken* u);

@@ -192,6 +192,12 @@ int cmd_pass(LINK* l, char** p, int, const char*) {
                 sget(nullptr, INI_GLOBAL_LOGIN_ERROR));
       return 1;
     }
+    // A name let in only on its lower-case retry: the session is the account
+    // that was accepted, for its home, its limits and its logs alike.
+    if (l->utoken && l->utoken->user != name && l->utoken->user == str_lower(name)) {
+      l->user = str_lower(l->user);
+      l->useremail = l->user;
+    }
     int status = l->utoken ? l->utoken->accountstatus : 0;
     if (status != 0) {
       if (status != 1 && status != 6) {
@@ -394,9 +400,11 @@ int run_new_user_program(LINK* l, const char* script, const char* username, cons
   std::string cmd = strfmt("%s \"korvaneinfo\" \"%s\" \"%s\" \"%s\" \"%s\" \"%s\"", script, username, hashedusername,
                            domainname, classname, ftploginhome);
   imsg("Notifing New User Program - %s \n", cmd.c_str());
+  // Each value is one argument as it stands: no shell, no splitting.
+  const std::vector<std::string> args = {"korvaneinfo", username, hashedusername, domainname, classname, ftploginhome};
   osspawn_info info;
   std::string reason;
-  if (!libspawn_create(cmd.c_str(), &reason, 0, &info)) {
+  if (!libspawn_create_args(script, args, &reason, 0, &info)) {
     emsg("Launch New User Program Failed: {%s} ERROR - %s\n", cmd.c_str(), reason.c_str());
     return 1;
   }

@@ -218,9 +218,12 @@ void notify_watcher(const char* wpname, const char* realname, const char* mode, 
   imsg("Notifing Watcher Program - %s file(%s)(%s) bytes=%s\n", wpname, realname, mode, size.c_str());
   std::string cmdline = strfmt("%s \"file=%s\" \"bytes=%s\" \"user=%s\" \"userip=%s\" \"transfer=%s\"", wpname,
                                realname, size.c_str(), l->user.c_str(), l->ipnum.c_str(), transfer);
+  // No shell and no splitting: a name with blanks or quotes is one argument.
+  const std::vector<std::string> args = {strfmt("file=%s", realname), "bytes=" + size, "user=" + l->user,
+                                         "userip=" + l->ipnum, strfmt("transfer=%s", transfer)};
   osspawn_info info;
   std::string reason;
-  if (!libspawn_create(cmdline.c_str(), &reason, 0, &info)) {
+  if (!libspawn_create_args(wpname, args, &reason, 0, &info)) {
     emsg("Launch Watcher Program Failed: {%s} ERROR - %s", cmdline.c_str(), reason.c_str());
     return;
   }

@@ -2,7 +2,9 @@
 // the walk that rebuilds it, and the session counters.
 #include "server/vfs/quota.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -61,18 +63,29 @@ int cmd_quota_file(Link* l, std::string& bf) {
 int cmd_quota_read(Link* l) {
   std::string fname;
   cmd_quota_file(l, fname);
+  // The file lies in the user's own tree: it is read and removed as the user,
+  // and a link put in its place is not followed.
+  vdir_impersonate(l);
   struct stat st {};
-  if (stat(fname.c_str(), &st) == 0 && time(nullptr) - st.st_mtime > kQuotaFileMaxAge) {
+  if (lstat(fname.c_str(), &st) == 0 && time(nullptr) - st.st_mtime > kQuotaFileMaxAge) {
     quota_rebuild_logged(l);
     remove(fname.c_str());
+    vdir_revert(l);
     return 1;
   }
-  FilePtr f(fopen(fname.c_str(), "re"));
+  int fd = open(fname.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  FilePtr f(fd >= 0 ? fdopen(fd, "r") : nullptr);
   if (!f) {
     int err = errno;
+    if (fd >= 0) close(fd);
     imsg("cmd_quota_read errno is %d (%s)\n", err, errtext(err).c_str());
-    if (err != ENOENT) return 0;
+    if (err != ENOENT && err != ELOOP) {
+      vdir_revert(l);
+      return 0;
+    }
+    if (err == ELOOP) remove(fname.c_str());  // a link in the file's place goes, the count is made afresh
     quota_rebuild_logged(l);
+    vdir_revert(l);
     return 1;
   }
   std::string line;
@@ -80,6 +93,7 @@ int cmd_quota_read(Link* l) {
   while (line.size() < kQuotaLineMax && (c = fgetc(f.get())) != EOF && c != '\n') line.push_back(static_cast<char>(c));
   f.reset();
   remove(fname.c_str());
+  vdir_revert(l);
   l->quota_was = int64bit_atoi(line.c_str());
   imsg("Quota read from file %sk\n", kbytes(l->quota_was).c_str());
   return 1;
@@ -90,10 +104,18 @@ int cmd_quota_write(Link* l) {
   if (!cmd_quota_read(l)) return 0;
   std::string fname;
   cmd_quota_file(l, fname);
-  FilePtr f(fopen(fname.c_str(), "we"));
   std::string text = i64_to_cstr(l->quota_was + l->quota_change);
-  if (!f || fputs(text.c_str(), f.get()) == EOF || fclose(f.release()) != 0) {
-    imsg("Unable to write quota file (%s) (%s)\n", fname.c_str(), errtext(errno).c_str());
+  // As the user and never through a link: a link made between the removal in
+  // cmd_quota_read and this open makes the open fail instead.
+  vdir_impersonate(l);
+  int fd = open(fname.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  FilePtr f(fd >= 0 ? fdopen(fd, "w") : nullptr);
+  if (fd >= 0 && !f) close(fd);
+  bool ok = f && fputs(text.c_str(), f.get()) != EOF && fclose(f.release()) == 0;
+  int err = errno;
+  vdir_revert(l);
+  if (!ok) {
+    imsg("Unable to write quota file (%s) (%s)\n", fname.c_str(), errtext(err).c_str());
     return 0;
   }
   return 1;

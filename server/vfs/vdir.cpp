@@ -201,10 +201,17 @@ int vdir_tree_first(Link* l, TreeHandlePtr& hh, std::string_view fname, int rec,
   return r;
 }
 
+const Utoken* vdir_acting_token(Link* l) {
+  if (ini_true(l, INI_USER_NOIMPERSONATE)) return nullptr;
+  if (l->utoken) return l->utoken.get();
+  // An anonymous session has a token only through an existing actas_user.
+  return l->isanon ? user_anonymous_token() : nullptr;
+}
+
 int vdir_impersonate(Link* l) {
   if (ini_true(l, INI_USER_NOIMPERSONATE)) return 1;
   int r = 1;
-  if (l->impersonate == 0) r = user_impersonate(l->utoken.get());
+  if (l->impersonate == 0) r = user_impersonate(vdir_acting_token(l));
   l->impersonate++;
   dmsg("vdir_impersonate %d\n", l->impersonate);
   return r;
@@ -214,7 +221,7 @@ int vdir_revert(Link* l) {
   if (ini_true(l, INI_USER_NOIMPERSONATE)) return 1;
   int r = 1;
   l->impersonate--;
-  if (l->impersonate == 0) r = user_revert(l->utoken.get());
+  if (l->impersonate == 0) r = user_revert(vdir_acting_token(l));
   if (l->impersonate < 0) l->impersonate = 0;
   dmsg("vdir_revert %d\n", l->impersonate);
   return r;

@@ -65,5 +65,9 @@ int vdir_tree_first(Link* l, TreeHandlePtr& hh, std::string_view fname, int rec,
 // needs its revert. Nothing happens when the class sets user_noimpersonate.
 int vdir_impersonate(Link* l);
 int vdir_revert(Link* l);
+// The identity file work runs as: the session's token, the unprivileged
+// system account for an anonymous session without one, or null (no switch)
+// when the class sets user_noimpersonate.
+const Utoken* vdir_acting_token(Link* l);
 
 }  // namespace korv

@@ -306,15 +306,21 @@ int do_vmkdir(Link* l, std::string_view fname, std::string& etext, int skip_acce
     return 0;
   }
   if (!skip_access && !vdir_access(l, fname, "mkdir", etext)) return 0;
-  if (!vdir_impersonate(l)) {
+  // The home at login is made by the server, whose right to make it the
+  // acting user lacks, and then handed to that user.
+  const bool home = skip_access != 0;
+  if (!home && !vdir_impersonate(l)) {
     etext = strfmt("Impersonate failed %s", errtext(errno).c_str());
     vdir_revert(l);
     return 0;
   }
+  auto leave = [&] {
+    if (!home) vdir_revert(l);
+  };
   if (real.size() > 1 && real.back() == '/') real.pop_back();
   struct stat st {};
   if (::stat(real.c_str(), &st) == 0) {
-    vdir_revert(l);
+    leave();
     if (S_ISDIR(st.st_mode)) {
       etext = "directory exists";
       return 1;
@@ -334,11 +340,14 @@ int do_vmkdir(Link* l, std::string_view fname, std::string& etext, int skip_acce
     }
   }
   int err = errno;
-  vdir_revert(l);
+  leave();
   if (r != 0) {
     etext = strfmt("%.100s", errtext(err).c_str());
     return 0;
   }
+  const Utoken* owner = home && !nothing_to_make ? vdir_acting_token(l) : nullptr;
+  if (owner != nullptr && ::lchown(real.c_str(), static_cast<uid_t>(owner->uid), static_cast<gid_t>(owner->gid)) != 0)
+    dmsg("home %s stays the server's: %s\n", real.c_str(), errtext(errno).c_str());
   etext = "created the directory";
   return 1;
 }
@@ -346,6 +355,7 @@ int do_vmkdir(Link* l, std::string_view fname, std::string& etext, int skip_acce
 int vlib_chmod(Link* l, std::string_view fname, const char* mode, std::string& etext) {
   unsigned int m = 0;
   if (std::sscanf(mode, "%o", &m) != 1) m = 0;
+  m &= 0777;  // no set-id or sticky bit from a client
   std::string real;
   if (!translate_test_become(l, fname, "write", real, etext, "Virtual %s")) return 0;
   imsg("chmod (%s) (%o)\n", real.c_str(), m);

@@ -59,13 +59,14 @@ int vrmdir(Link* l, std::string_view fname, std::string& etext);
 int vmkdir(Link* l, std::string_view fname, std::string& etext);
 // Makes the directory `fname`, its missing parents on the way. An existing
 // directory is a success ("directory exists"). `skip_access` leaves out the
-// rule (home creation). 1 or 0, `etext` always set.
+// rule (home creation): the server makes the directory and gives it to the
+// acting user. 1 or 0, `etext` always set.
 int do_vmkdir(Link* l, std::string_view fname, std::string& etext, int skip_access);
 // Makes the parents of the real `path`, deepest missing first. 0 when the
 // parent exists at the end, -1 otherwise (also for a path with no parent).
 int make_lower_directory(const std::string& path, int mode);
 
-// "write", then chmod with `mode` read as octal.
+// "write", then chmod with `mode` read as octal, permission bits only.
 int vlib_chmod(Link* l, std::string_view fname, const char* mode, std::string& etext);
 // "read"; the modification time of a plain file, or 0 with `etext`.
 time_t vlib_mtime(Link* l, std::string_view fname, std::string& etext);

@@ -148,7 +148,7 @@ TEST(Facts, PermAndModeSayWhatThisUserMayDoThere) {
   } cases[] = {
       // Read alone does not refuse a delete, so the rules allow DELE and RMD.
       {"anonymous", "/", "pub", 0644, 0755, "perm=dr;unix.mode=0644;", "perm=delp;unix.mode=0755;"},
-      {"anonymous", "/ro", "ro", 0640, 02750, "perm=r;unix.mode=0640;", "perm=el;unix.mode=02750;"},
+      {"anonymous", "/ro", "ro", 0640, 02755, "perm=r;unix.mode=0640;", "perm=el;unix.mode=02755;"},
       {"bob", "/", "home/bob", 04755, 01777, "perm=adfrw;unix.mode=04755;", "perm=cdeflmp;unix.mode=01777;"},
   };
   for (const auto& k : cases) {

@@ -22,7 +22,10 @@ constexpr time_t kFeb3 = 1580702700;  // 2020-02-03 04:05:00 UTC
 // "*.key" may not be fetched and "*.exe" not uploaded.
 struct Server : KorvServer {
   explicit Server(const std::string& global = "")
-      : KorvServer(basic_config(global) + "\t\tbanner \"Hi\"\n\t\tnoretrieve \"*.key\"\n\t\tnoupload \"*.exe\"\n\t\tdir alias=\"/up\" path=\"@HOME@/up\" read=\"true\" write=\"true\"\n") {
+      // The files here are the test's own: the sessions keep the server's
+      // identity (the identity tests cover the switch).
+      : KorvServer(basic_config(global) + "\t\tbanner \"Hi\"\n\t\tnoretrieve \"*.key\"\n\t\tnoupload \"*.exe\"\n\t\tdir alias=\"/up\" path=\"@HOME@/up\" read=\"true\" write=\"true\"\n"
+                   "\t\tuser_noimpersonate \"true\"\n") {
     setenv("TZ", "UTC", 1);  // the server inherits it
     std::filesystem::create_directories(path("pub/sub"));
     std::filesystem::create_directories(path("up"));

@@ -203,10 +203,9 @@ TEST(Login, WhatTheAccountAndTheClassDecide) {
                                    "230-  /                    " + home + " read+write\r\n"
                                    "230-  /in                  /i                             +write+nodel+nolist+nomkdir\r\n"
                                    "230 User ban logged in.\r\n");
-  // Children start without a shell: the quotes reach the program.
+  // Children start without a shell, each value one argument.
   EXPECT_EQ(login(c, "nu", "pw"), "230-Home directory ready for first time use.\r\n230 User nu logged in.\r\n");
-  EXPECT_EQ(slurp(s.path("newuser.args")),
-            "\"korvaneinfo\" \"nu\" \"/nu\" \"test\" \"newcomers\" \"" + s.path("homes/nu") + "\"\n");
+  EXPECT_EQ(slurp(s.path("newuser.args")), "korvaneinfo nu /nu test newcomers " + s.path("homes/nu") + "\n");
   EXPECT_EQ(login(c, "nu", "pw"), "230 User nu logged in.\r\n");  // the home is there now
   const std::string denied = "530 Login denied - already 2/1 users connected sorry, setting ";
   const std::string due = " Payment is due for this account, please pay asap.";

@@ -66,6 +66,7 @@ struct Server : KorvServer {
     std::ofstream out(path("users"));
     for (const auto& u : users_) out << u.second;
     fs::create_directories(path("home/" + name));
+    fs::permissions(path("home/" + name), fs::perms::all);  // open to the account the session acts as
   }
   std::string qfile(const std::string& name) const { return path("home/" + name + "/.korvane_quota"); }
   std::map<std::string, std::string> users_;

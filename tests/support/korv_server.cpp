@@ -154,6 +154,8 @@ KorvServer::KorvServer(std::string config, std::string binary)
     : binary_(std::move(binary)), config_(std::move(config)) {
     dir_ = make_lower_temp_dir("korv-e2e-");
     EXPECT_FALSE(dir_.empty()) << "cannot make a temporary directory";
+    // Sessions act as an unprivileged account, which must reach the tree.
+    if (!dir_.empty()) ::chmod(dir_.c_str(), 0755);
     ftp_port_ = free_ftp_port();
     implicit_port_ = free_port();
     mgr_port_ = free_port();

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tools/omauth/protocol.h"
 #include "tools/omauth/userfile.h"
@@ -18,8 +20,12 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: omauth -file USERS [-path DIR]   serve the module protocol on standard input and output\n"
-    "       omauth -passwd USERS USER        set USER's password (the user is made if new): asked twice\n"
-    "                                        on a terminal, else the first line of standard input\n";
+    "       omauth -passwd USERS USER [-uid N] [-gid N]\n"
+    "                                        set USER's password (the user is made if new): asked twice\n"
+    "                                        on a terminal, else the first line of standard input;\n"
+    "                                        -uid and -gid set the system ids the user's file work\n"
+    "                                        runs as (ftpuid, ftpgid; without them the server's\n"
+    "                                        unprivileged account)\n";
 
 // The server adds -path "DIR" with the quotes as they stand.
 std::string unquote(std::string s) {
@@ -47,7 +53,9 @@ bool read_secret(const char* prompt, std::string& out) {
     return got;
 }
 
-int set_password(const std::string& file, const std::string& user) {
+// `ids` holds the account fields to set with the password (ftpuid, ftpgid).
+int set_password(const std::string& file, const std::string& user,
+                 const std::vector<std::pair<std::string, std::string>>& ids) {
     if (!valid_name(user)) {
         std::fprintf(stderr, "omauth: bad user name\n");
         return 2;
@@ -78,6 +86,7 @@ int set_password(const std::string& file, const std::string& user) {
         u = &uf.users.back();
     }
     u->hash = hash_password(pass);
+    for (const auto& [field, value] : ids) u->fields[field] = value;
     if (u->hash.empty() || !save_users(uf, err)) {
         std::fprintf(stderr, "omauth: %s\n", u->hash.empty() ? "password hashing failed" : err.c_str());
         return 1;
@@ -108,7 +117,19 @@ int main(int argc, char** argv) {
     std::string file, dir;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        if (a == "-passwd" && i + 2 < argc) return set_password(argv[i + 1], argv[i + 2]);
+        if (a == "-passwd" && i + 2 < argc) {
+            std::vector<std::pair<std::string, std::string>> ids;
+            for (int j = i + 3; j < argc; j += 2) {
+                std::string opt = argv[j];
+                const char* field = opt == "-uid" ? "ftpuid" : opt == "-gid" ? "ftpgid" : nullptr;
+                if (field == nullptr || j + 1 >= argc || !valid_field_value(field, argv[j + 1])) {
+                    std::fputs(kUsage, stderr);
+                    return 2;
+                }
+                ids.emplace_back(field, argv[j + 1]);
+            }
+            return set_password(argv[i + 1], argv[i + 2], ids);
+        }
         if (a == "-file" && i + 1 < argc) {
             file = argv[++i];
         } else if (a == "-path" && i + 1 < argc) {

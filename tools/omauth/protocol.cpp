@@ -103,8 +103,11 @@ void Module::set(std::string_view user, std::string_view pass, std::string_view 
     std::vector<std::pair<std::string, std::string>> fields;
     std::string err;
     if (!parse_fields(info, fields, err)) return say_(strfmt("-ERR %s %s", name.c_str(), err.c_str()));
-    for (auto& f : fields)
+    for (auto& f : fields) {
         if (!is_user_field(f.first)) return say_(strfmt("-ERR %s unknown field %.40s", name.c_str(), f.first.c_str()));
+        if (!f.second.empty() && !valid_field_value(f.first, f.second))
+            return say_(strfmt("-ERR %s bad value of %.40s", name.c_str(), f.first.c_str()));
+    }
     UsersLock lock(path_);
     if (!lock.held()) return unavailable(user, "cannot lock " + path_ + ".lock");
     if (!fresh(err)) return unavailable(user, err);

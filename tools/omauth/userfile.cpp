@@ -18,8 +18,8 @@
 
 namespace korv::omauth {
 
-const char* const kUserFields[] = {"groups", "ftphome", "ftpquota", "dailyquota", "accountstatus", "ftpfromip",
-                                   nullptr};
+const char* const kUserFields[] = {"groups",    "ftphome",   "ftpquota", "dailyquota", "accountstatus",
+                                   "ftpfromip", "ftpuid",    "ftpgid",   nullptr};
 
 namespace {
 
@@ -52,6 +52,14 @@ std::string folder_of(const std::string& path) {
 }
 
 }  // namespace
+
+bool valid_field_value(std::string_view name, std::string_view value) {
+    if (name != "ftpuid" && name != "ftpgid") return true;
+    // A system id: decimal, below the kernel's "no id" (uid_t)-1.
+    if (value.empty() || value.size() > 10 || value.find_first_not_of("0123456789") != std::string_view::npos)
+        return false;
+    return std::stoull(std::string(value)) < 4294967295ULL;
+}
 
 bool is_user_field(std::string_view name) {
     for (const char* const* f = kUserFields; *f; ++f)
@@ -140,6 +148,10 @@ bool parse_user_line(std::string_view line, OmUser& u, std::string& err) {
         if (name == "password") {
             u.hash = value;
         } else if (is_user_field(name)) {
+            if (!value.empty() && !valid_field_value(name, value)) {
+                err = strfmt("bad value of %.40s", name.c_str());
+                return false;
+            }
             u.fields[name] = value;
         } else {
             err = strfmt("unknown field %.40s", name.c_str());

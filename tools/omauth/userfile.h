@@ -16,11 +16,13 @@ constexpr size_t kPassMax = 512;    // a clear-text password
 // The fields a user may carry besides the password, as the server reads them from a reply.
 extern const char* const kUserFields[];
 bool is_user_field(std::string_view name);
+// False for a value the field cannot hold: ftpuid and ftpgid are decimal system ids.
+bool valid_field_value(std::string_view name, std::string_view value);
 
 struct OmUser {
     std::string name;
     std::string hash;                           // crypt(3) hash; "" = no password, no login
-    std::map<std::string, std::string> fields;  // groups, ftphome, ftpquota, ...
+    std::map<std::string, std::string> fields;  // groups, ftphome, ftpquota, ftpuid, ...
 };
 
 struct UserFile {

@@ -85,6 +85,18 @@ TEST(Spawn, ArgumentsSplitAtBlanksQuotesKept) {
     EXPECT_EQ(libspawn_is_process_finished(&p, 10.0, nullptr), 1);
 }
 
+// The program's own words split; every argument after it stays whole.
+TEST(Spawn, ArgumentsGivenWholeStayWhole) {
+    osspawn_info p;
+    ASSERT_EQ(libspawn_create_args("/usr/bin/printf [%s]\\n", {"my file.txt", "\"q\" 'x'", "", "a\tb"}, nullptr, 1, &p),
+              1);
+    EXPECT_EQ(read_all_stdout(&p), "[my file.txt]\n[\"q\" 'x']\n[]\n[a\tb]\n");
+    EXPECT_EQ(libspawn_is_process_finished(&p, 10.0, nullptr), 1);
+    std::string reason;
+    EXPECT_EQ(libspawn_create_args("  ", {"x"}, &reason, 0, &p), 0);
+    EXPECT_EQ(reason, "no executable name");
+}
+
 TEST(Spawn, EnvironmentAndDescriptorsOfTheChild) {
     // A descriptor of the server without close-on-exec must still not reach the child.
     int leak = ::open("/dev/null", O_RDONLY);

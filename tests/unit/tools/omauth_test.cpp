@@ -71,8 +71,8 @@ protected:
         file_ = dir_ + "/users";
     }
     void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
-    int passwd(const std::string& user, const std::string& input) {
-        std::string cmd = kOmauth + " -passwd " + file_ + " " + user + " >/dev/null 2>&1";
+    int passwd(const std::string& user, const std::string& input, const std::string& opts = "") {
+        std::string cmd = kOmauth + " -passwd " + file_ + " " + user + opts + " >/dev/null 2>&1";
         FILE* p = popen(cmd.c_str(), "w");
         if (!p) return -1;
         fputs(input.c_str(), p);
@@ -112,7 +112,10 @@ TEST_F(OmauthTest, BadRequests) {
         {"bogus x", "-ERR bogus unknown command\n"},
         {"set fred", "-ERR fred bad password\n"},
         {"set fr\"ed pw", "-ERR - bad user name\n"},
-        {"set fred pw ftpuid=\"0\"", "-ERR fred unknown field ftpuid\n"},
+        {"set fred pw ftpuid=\"x\"", "-ERR fred bad value of ftpuid\n"},
+        {"set fred pw ftpgid=\"-1\"", "-ERR fred bad value of ftpgid\n"},
+        {"set fred pw ftpuid=\"4294967295\"", "-ERR fred bad value of ftpuid\n"},
+        {"set fred pw ftpid=\"1\"", "-ERR fred unknown field ftpid\n"},
         {"set fred pw groups=\"a", "-ERR fred unterminated value of groups\n"},
         {"set fred pw groups=\"a\"x=\"b\"", "-ERR fred no blank after the value of groups\n"},
         {"lookup", "-ERR - unknown user\n"},
@@ -162,6 +165,25 @@ TEST_F(OmauthTest, PasswordFromAPipeReachesARunningModule) {
     EXPECT_NE(passwd("demo", ""), 0);
     EXPECT_NE(passwd("bad\"name", "pw\n"), 0);
     EXPECT_EQ(d.ask("check demo pw"), "+OK demo ok\n");
+}
+
+// The system ids travel with the other fields, from the protocol and from
+// -passwd, and a bad id is refused before anything is written.
+TEST_F(OmauthTest, SystemIds) {
+    Driver d(file_);
+    EXPECT_EQ(d.ask("set fred pw ftpuid=\"1001\" groups=\"g\""), "+OK fred saved\n");
+    EXPECT_EQ(d.ask("check fred pw"), "+OK fred ok groups=\"g\" ftpuid=\"1001\"\n");
+    EXPECT_EQ(passwd("fred", "pw\n", " -gid 50"), 0);
+    EXPECT_EQ(d.ask("lookup fred"), "+OK fred found groups=\"g\" ftpuid=\"1001\" ftpgid=\"50\"\n");
+    EXPECT_EQ(passwd("ann", "pw\n", " -uid 0 -gid 0"), 0);
+    EXPECT_EQ(d.ask("check ann pw"), "+OK ann ok ftpuid=\"0\" ftpgid=\"0\"\n");
+    for (const char* bad : {" -uid", " -uid x", " -gid -5", " -home /x"})
+        EXPECT_EQ(passwd("bert", "pw\n", bad), 2) << bad;
+    EXPECT_EQ(d.ask("lookup bert"), "-ERR bert unknown user\n");
+    EXPECT_EQ(d.ask("set fred - ftpuid=\"\""), "+OK fred saved\n");  // an empty value drops the field
+    EXPECT_EQ(d.ask("lookup fred"), "+OK fred found groups=\"g\" ftpgid=\"50\"\n");
+    std::ofstream(file_) << "eve password=\"x\" ftpuid=\"root\"\n";
+    EXPECT_EQ(d.ask("lookup eve").rfind("-ERR", 0), 0u) << "a file with a bad id is not served";
 }
 
 int quiet(const char*, ...) { return 1; }

@@ -3,8 +3,10 @@
 // authentication setups, and system logins and identity switches (as root).
 #include "server/auth/user.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <crypt.h>
@@ -143,6 +145,10 @@ TEST_F(UserLogin, ModuleAnswerFillsTheToken) {
   load_result_into_token(bare, "amy", plain);
   EXPECT_EQ(bare->accountstatus, 1);
   EXPECT_EQ(bare->ftphome, "");
+  // No ids from the module: the unprivileged account's, never root's.
+  EXPECT_EQ(bare->uid, user_anonymous_token()->uid);
+  EXPECT_EQ(bare->gid, user_anonymous_token()->gid);
+  EXPECT_NE(bare->uid, 0);
   EXPECT_EQ(bare->usergroups, nullptr);
 }
 
@@ -431,6 +437,60 @@ TEST_F(SystemLogin, ImpersonationLeavesOtherThreadsRoot) {
   EXPECT_EQ(user_revert(u.get()), 1);
   other.join();
   EXPECT_EQ(seen, 0u);
+}
+
+// Without root there is nothing to switch: both calls succeed and change
+// nothing. Run in a child that has given up root for good.
+TEST(Identity, NothingToSwitchWithoutRoot) {
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    if (geteuid() == 0) {
+      gid_t none = 65534;
+      if (setgroups(1, &none) != 0 || setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)
+        _exit(2);
+    }
+    const uid_t was = geteuid();
+    UTOKEN other;
+    other.user = "someone";
+    other.uid = other.gid = 4321;
+    if (user_impersonate(&other) != 1 || geteuid() != was) _exit(3);
+    if (user_revert(&other) != 1 || geteuid() != was) _exit(4);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "2 cannot drop root, 3 impersonate, 4 revert";
+}
+
+// A module user that names no system account gets the unprivileged ids and
+// no supplementary groups, even when its name is a system account's that
+// belongs to groups.
+TEST(Identity, ModuleUserWithoutIdsGetsNoSystemGroups) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to switch identity";
+  std::string member;
+  setgrent();
+  while (group* g = getgrent()) {
+    if (g->gr_mem != nullptr && g->gr_mem[0] != nullptr) {
+      member = g->gr_mem[0];
+      break;
+    }
+  }
+  endgrent();
+  if (member.empty()) GTEST_SKIP() << "no account in the group database belongs to a group";
+  UtokenPtr u;
+  std::string line = "+OK " + member + " ok";
+  ASSERT_EQ(load_result_into_token(u, member.c_str(), line), 1);
+  ASSERT_EQ(user_impersonate(u.get()), 1);
+  gid_t groups[64];
+  int n = getgroups(64, groups);
+  const uid_t euid = geteuid();
+  EXPECT_EQ(user_revert(u.get()), 1);
+  EXPECT_EQ(static_cast<int>(euid), user_anonymous_token()->uid);
+  ASSERT_EQ(n, 1) << member;
+  EXPECT_EQ(static_cast<int>(groups[0]), user_anonymous_token()->gid);
+  EXPECT_EQ(geteuid(), 0u);
 }
 
 }  // namespace
