@@ -96,8 +96,7 @@ class Ftplib(unittest.TestCase):
         with ftp() as f:
             self.assertEqual(get(f, "/pub/data.bin", rest=1_000_001), data[1_000_001:])
             # An interrupted upload leaves a prefix; REST then STOR completes it.
-            with open(SERVER.path("home/alice/resume.bin"), "wb") as h:
-                h.write(data[:777_777])
+            harness.plant(SERVER.path("home/alice/resume.bin"), data[:777_777])
             f.voidcmd("TYPE I")
             f.storbinary("STOR resume.bin", io.BytesIO(data[777_777:]), rest=777_777)
         with open(SERVER.path("home/alice/resume.bin"), "rb") as h:
@@ -206,8 +205,7 @@ class Curl(unittest.TestCase):
         with open(SERVER.path("home/alice/curl.bin"), "rb") as h:
             self.assertEqual(digest(h.read()), digest(data))
         # Resume: the server holds a prefix; curl sends the rest with APPE.
-        with open(SERVER.path("home/alice/curl-r.bin"), "wb") as h:
-            h.write(data[:500_000])
+        harness.plant(SERVER.path("home/alice/curl-r.bin"), data[:500_000])
         curl("-C", "500000", "-T", src, url("curl-r.bin"))
         with open(SERVER.path("home/alice/curl-r.bin"), "rb") as h:
             self.assertEqual(digest(h.read()), digest(data))

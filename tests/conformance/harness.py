@@ -67,6 +67,9 @@ class Server:
     def __init__(self, binary, omauth, users, classes, prefix="korv-conf-"):
         self.binary = binary
         self.dir = tempfile.mkdtemp(prefix=prefix)
+        # Module and anonymous users act as an unprivileged account: the tree
+        # must be reachable by it, and the homes writable.
+        os.chmod(self.dir, 0o755)
         self.ports = {k: free_port() for k in ("mgr", "mgr_ssl")}
         self.ports["ftp"], self.ports["implicit"] = free_ftp_ports(2)
         self.proc = None
@@ -75,6 +78,7 @@ class Server:
             subprocess.run([omauth, "-passwd", users_file, name], input=(pw + "\n").encode(), check=True,
                            stdout=subprocess.DEVNULL)
             os.makedirs(self.path("home/" + name), exist_ok=True)
+            os.chmod(self.path("home/" + name), 0o777)
         cfg = f"""global_settings
 \thome "{self.dir}"
 \tlog_level "info"
@@ -153,6 +157,16 @@ vdomain address="" name="conf"
             if all(entries.get(p) == e for p, e in want.items()) or time.monotonic() > deadline:
                 return entries
             time.sleep(0.2)
+
+
+def plant(path, data):
+    """A file the test puts where a user will write next (a prefix to resume or
+    append to): writable by the unprivileged account users act as."""
+    os.makedirs(os.path.dirname(path), mode=0o777, exist_ok=True)
+    os.chmod(os.path.dirname(path), 0o777)
+    with open(path, "wb") as f:
+        f.write(data)
+    os.chmod(path, 0o666)
 
 
 class ImplicitFTP_TLS(ftplib.FTP_TLS):

@@ -174,15 +174,13 @@ class Curl(Checked):
         for name, data in files.items():
             # APPE onto a prefix already there, and a resume (curl sends APPE after SIZE).
             cut = len(data) // 3
-            with open(os.path.join(home, "app-" + name), "wb") as f:
-                f.write(data[:cut])
+            harness.plant(os.path.join(home, "app-" + name), data[:cut])
             with open(os.path.join(src, "tail-" + name), "wb") as f:
                 f.write(data[cut:])
             curl("--ssl-reqd", "--append", "-T", os.path.join(src, "tail-" + name),
                  curl_url("curl-more") + "app-" + name)
             expected["app-" + name] = data
-            with open(os.path.join(home, "res-" + name), "wb") as f:
-                f.write(data[:cut])
+            harness.plant(os.path.join(home, "res-" + name), data[:cut])
             curl("--ssl-reqd", "-C", "-", "-T", os.path.join(src, name), curl_url("curl-more") + "res-" + name)
             expected["res-" + name] = data
         # In ASCII curl sends local line ends as CR LF; the server stores LF.
@@ -233,8 +231,7 @@ class Lftp(Checked):
         home = SERVER.path("home/alice/lftp-more")
         os.makedirs(home, exist_ok=True)
         for name, data in files.items():
-            with open(os.path.join(home, name), "wb") as f:
-                f.write(data[: len(data) // 2])
+            harness.plant(os.path.join(home, name), data[: len(data) // 2])
         # put -c finds the size on the server and sends the rest after REST.
         lftp("cd lftp-more; " + "; ".join("put -c %s" % SERVER.path("src/lftp-more/" + n) for n in files))
         text = b"".join(b"ascii line %d\n" % i for i in range(30000))
