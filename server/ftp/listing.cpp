@@ -127,10 +127,9 @@ std::string entry_dir(const std::string& name) {
   return dir;
 }
 
-// A real path found by the scan as the client knows it: its virtual path
-// under the alias the scan started in (vdir_tree_first kept the pair),
-// relative to the session's directory when it lies below it. Never a real path.
-std::string client_path(LINK* l, const std::string& real) {
+}  // namespace
+
+std::string list_client_path(LINK* l, const std::string& real) {
   std::string virt;
   if (!vdir_xlate(virt, real, l->alias_real, l->alias_virtual)) {
     size_t slash = real.find_last_of('/');
@@ -144,6 +143,8 @@ std::string client_path(LINK* l, const std::string& real) {
     return virt.substr(cwd.size() + 1);
   return virt;
 }
+
+namespace {
 
 // "." and "..": a recursive listing leaves them out, on every level.
 bool is_dot_entry(const std::string& name) {
@@ -187,7 +188,7 @@ void list_entries(LINK* l, Tree_Handle* h, WILD_DATA& d, std::string realname, i
     if (first || dir != lastdir) {
       first = false;
       lastdir = dir;
-      std::string rel = client_path(l, dir);
+      std::string rel = list_client_path(l, dir);
       if (!rel.empty()) {
         if (out.sent() > 0 && !out.put("\r\n")) return;
         if (!out.put(strfmt("%.500s:\r\n", rel.c_str()))) return;
@@ -343,7 +344,7 @@ int cmd_nlst(LINK* l, char** p, int np, const char* orig) {
       std::string name;
       for (int more = 1; more; more = tree_next(h.get(), &d)) {
         if ((d.issub && !d.isdir) || !listable(d)) continue;
-        name = client_path(l, d.name);
+        name = list_client_path(l, d.name);
         if (!out.put(strfmt("%.500s\r\n", name.c_str()))) break;
       }
       out.flush();

@@ -334,7 +334,7 @@ TEST(SecRules, TranslationFailuresQuoteTheirReason) {
   EXPECT_EQ(run(c, "APPE ../../etc/x", &body).first, "550 Cant figure out alias's (Invalid virtual path)\r\n");
 }
 
-TEST(SecRules, RecursiveListingsShowVirtualPathsWithoutDots) {
+TEST(SecRules, ListingsUnderAnAliasShowVirtualPathsAndRecursionSkipsDots) {
   Server s("\t\tdir alias=\"/virt\" path=\"@HOME@/elsewhere\" read=\"true\"\n", "\tunix_list \"true\"\n");
   s.put("elsewhere/top.txt", "1");
   s.put("elsewhere/d/deep.txt", "22");
@@ -351,6 +351,9 @@ TEST(SecRules, RecursiveListingsShowVirtualPathsWithoutDots) {
   }
   Xfer x = run(c, "LIST -R /virt");
   EXPECT_NE(x.data.find("\r\nvirt/d:\r\n"), std::string::npos) << x.data;
+  x = run(c, "MLSD /virt");
+  EXPECT_NE(x.data.find(" virt/top.txt\r\n"), std::string::npos) << x.data;
+  EXPECT_EQ(x.data.find("elsewhere"), std::string::npos) << x.data;
   x = run(c, "NLST /virt");
   EXPECT_NE(x.data.find("virt/d\r\nvirt/top.txt\r\n"), std::string::npos) << x.data;
   EXPECT_EQ(x.data.find("elsewhere"), std::string::npos) << x.data;
