@@ -642,8 +642,9 @@ int set_one_buffer(pSSLTcp x, int which, int sz) {
     ::setsockopt(x->sk, SOL_SOCKET, which, &sz, sizeof sz);
     len = sizeof cur;
     if (::getsockopt(x->sk, SOL_SOCKET, which, &cur, &len) == 0 && cur == sz) return 1;
-    // The kernel reports its own size (Linux doubles the request): callers ignore this result.
-    SSLTcp_Record(x, "setsockopt:setTCPBufferSZ", errno);
+    // The kernel reports its own size (Linux doubles the request). Callers
+    // ignore this result, so nothing is recorded: a later failure's text must
+    // not name this call.
     return 0;
 }
 

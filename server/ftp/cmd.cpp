@@ -44,6 +44,7 @@ const COMMANDS commands[] = {
     {"list", 0, 2, 0, cmd_list},
     {"mkd", 1, 2, 0, cmd_mkd},
     {"mdtm", 0, 2, 0, cmd_mdtm},
+    {"mfct", 0, 2, 0, cmd_mfct},
     {"mfmt", 0, 2, 0, cmd_mfmt},
     {"mlst", 0, 2, 0, cmd_mlst},
     {"mlsd", 0, 2, 0, cmd_mlsd},

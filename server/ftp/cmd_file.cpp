@@ -33,17 +33,29 @@ std::string arg(const char* s) { return std::string(s, strnlen(s, kFileArgMax));
 // The shown form of a virtual path for this session (DOS or Unix).
 std::string shown(const LINK* l, std::string path) { return vdir_fixslash_show(l, path); }
 
+// The name the upload and download filters judge: the resolved virtual path,
+// so that "./.netrc/." or ".rhosts/" cannot pass for another name. A name
+// that does not translate is judged as given (its command fails anyway).
+std::string filter_name(LINK* l, const std::string& name) {
+  std::string real, virt, etext;
+  if (vdir_fname(real, virt, l, name, etext)) return virt;
+  return name;
+}
+
 using SetTimeFn = int (*)(Link*, std::string_view, time_t, std::string&);
 
 // MFMT and MFCT: the time is the first word, the name all of the line after
-// the second blank, so that names may hold blanks. The result of the call is
-// not looked at: the 213 goes out in any case.
+// the second blank, so that names may hold blanks. A time that was not set
+// (a read-only area, a missing file) is refused, never confirmed.
 int set_time_reply(LINK* l, char** p, const char* orig, SetTimeFn fn, const char* label) {
   std::string fname = cmd_getrest(orig, 2);
   dmsg("fname (%s)\n", fname.c_str());
   time_t t = ftp_time_convert(p[1]);
   std::string etext;
-  fn(l, fname, t, etext);
+  if (!fn(l, fname, t, etext)) {
+    cmd_write(l, "550 %.90s: %.90s\r\n", fname.c_str(), etext.c_str());
+    return 1;
+  }
   cmd_write(l, "213 %s=%.90s\r\n", label, lib_ftp_time(t));
   return 1;
 }
@@ -224,7 +236,7 @@ int cmd_rnfr(LINK* l, char** p, int, const char*) {
   }
   // A file that may not be fetched may not be renamed either, or a rename
   // would get round the filter.
-  if (ini_noretrieve(l, name.c_str())) {
+  if (ini_noretrieve(l, filter_name(l, name).c_str())) {
     emsg("User %s tried to rename the noretrieve file %s\n", l->user.c_str(), name.c_str());
     cmd_write(l, "550 %.500s: Cannot rename file for security reasons\r\n", name.c_str());
     return 1;
@@ -250,7 +262,7 @@ int cmd_rnto(LINK* l, char** p, int, const char*) {
     cmd_write(l, "553 %.500s: Max path length exceeded %d\r\n", name.c_str(), kMaxPathLen);
     return 1;
   }
-  if (ini_noupload(l, name.c_str())) {
+  if (ini_noupload(l, filter_name(l, name).c_str())) {
     cmd_write(l, "553 %.500s: Sorry rename to noupload file name is not permitted\r\n", name.c_str());
     return 1;
   }

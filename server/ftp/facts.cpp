@@ -302,7 +302,7 @@ int cmd_mlsd(LINK* l, char** p, int, const char*) {
         if (!d.isnorm && !d.islink && !d.isdir) continue;
         dmsg("mlsd: %s %d\n", d.name.c_str(), static_cast<int>(d.size));
         fact_perm(l, virtual_child(showname, d.name), d.isdir, perm);
-        remove_prefix(d.name, prefix, name);
+        name = list_client_path(l, d.name);
         lines += strfmt("%.400s %.400s\r\n", fact_show(l->facts, &d, facts, perm).c_str(), name.c_str());
         if (lines.size() >= kListFlushBytes) {
           int n = tcp_write_timed(l->cdata.get(), lines.data(), static_cast<int>(lines.size()),

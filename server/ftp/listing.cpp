@@ -127,15 +127,42 @@ std::string entry_dir(const std::string& name) {
   return dir;
 }
 
+}  // namespace
+
+std::string list_client_path(LINK* l, const std::string& real) {
+  std::string virt;
+  if (!vdir_xlate(virt, real, l->alias_real, l->alias_virtual)) {
+    size_t slash = real.find_last_of('/');
+    return slash == std::string::npos ? real : real.substr(slash + 1);
+  }
+  vdir_fixslash_os(virt);
+  std::string cwd = l->vcwd.empty() ? std::string("/") : l->vcwd;
+  vdir_fixslash_os(cwd);
+  if (cwd == "/") return virt.size() > 1 && virt[0] == '/' ? virt.substr(1) : virt;
+  if (virt.size() > cwd.size() && virt.compare(0, cwd.size(), cwd) == 0 && virt[cwd.size()] == '/')
+    return virt.substr(cwd.size() + 1);
+  return virt;
+}
+
+namespace {
+
+// "." and "..": a recursive listing leaves them out, on every level.
+bool is_dot_entry(const std::string& name) {
+  size_t slash = name.find_last_of('/');
+  std::string_view bare = slash == std::string::npos ? std::string_view(name) : std::string_view(name).substr(slash + 1);
+  return bare == "." || bare == "..";
+}
+
 // The two passes over a LIST scan: the top level, then, in a recursive
 // scan, each subdirectory under a "name:" and "total" heading.
-void list_entries(LINK* l, Tree_Handle* h, WILD_DATA& d, std::string realname,
-                  const std::string& prefix, ListOut& out) {
+void list_entries(LINK* l, Tree_Handle* h, WILD_DATA& d, std::string realname, int isrec,
+                  ListOut& out) {
   vdir_fixslash_os(realname);
   long long filesize = 0;
   std::string tmp;
   for (int more = 1; more; more = tree_next(h, &d)) {
     if (d.issub || !listable(d)) continue;
+    if (isrec && is_dot_entry(d.name)) continue;
     vdir_fixslash_os(d.name);
     std::string real = d.name;
     if (!simple_match_wild(realname.c_str(), d.name.c_str()) &&
@@ -156,12 +183,12 @@ void list_entries(LINK* l, Tree_Handle* h, WILD_DATA& d, std::string realname,
   bool first = true;
   for (int more = 1; more; more = tree_next(h, &d)) {
     if (!d.issub || !listable(d)) continue;
+    if (isrec && is_dot_entry(d.name)) continue;
     std::string dir = entry_dir(d.name);
     if (first || dir != lastdir) {
       first = false;
       lastdir = dir;
-      std::string rel;
-      remove_prefix(dir, prefix, rel);
+      std::string rel = list_client_path(l, dir);
       if (!rel.empty()) {
         if (out.sent() > 0 && !out.put("\r\n")) return;
         if (!out.put(strfmt("%.500s:\r\n", rel.c_str()))) return;
@@ -266,7 +293,7 @@ int cmd_list_do(LINK* l, const char* xfname, int usecontrol) {
       ListOut out(l, c);
       // The aliases' lines count as sent for the blank line before a heading.
       out.count(sent);
-      list_entries(l, h.get(), d, realname, prefix, out);
+      list_entries(l, h.get(), d, realname, isrec, out);
       out.flush();
     } else {
       imsg("vdir_tree_first failed (%.300s)\n", etext.c_str());
@@ -317,7 +344,7 @@ int cmd_nlst(LINK* l, char** p, int np, const char* orig) {
       std::string name;
       for (int more = 1; more; more = tree_next(h.get(), &d)) {
         if ((d.issub && !d.isdir) || !listable(d)) continue;
-        remove_prefix(d.name, prefix, name);
+        name = list_client_path(l, d.name);
         if (!out.put(strfmt("%.500s\r\n", name.c_str()))) break;
       }
       out.flush();

@@ -37,6 +37,11 @@ std::vector<WILD_DATA> list_alias_entries(LINK* l, std::string_view showname);
 int cmd_list_aliases(LINK* l, Chan* c, std::string_view showname, std::string_view prefix,
                      int ismlst);
 
+// A real path found by a scan that vdir_tree_first started, as the client
+// knows it: its virtual path under the scanned alias, relative to the
+// session's directory when it lies below it. Never real path text.
+std::string list_client_path(LINK* l, const std::string& real);
+
 // One entry's line in the session's layout (`dirstyle`), dated against now.
 std::string& dir_format(LINK* l, const WILD_DATA* d, long long filesize, std::string& tmp,
                         std::string_view prefix);

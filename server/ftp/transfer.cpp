@@ -289,11 +289,12 @@ int cmd_retr(LINK* l, char** p, int, const char*) {
   };
   set_state(l, V, virt, "step2");
   if (!vdir_fname(realname, vpath, l, virt, reason)) {
-    cmd_write(l, "550 Cant figure out alias's (%.500s)\r\n", virt.c_str());
+    cmd_write(l, "550 Cant figure out alias's (%.500s)\r\n", reason.c_str());
     emsg("Cant figure out alias's? (%.500s)\r\n", virt.c_str());
     return fail();
   }
-  if (ini_noretrieve(l, virt.c_str())) {
+  // The filter sees the resolved name: ".netrc/" and "./.netrc/." are .netrc.
+  if (ini_noretrieve(l, vpath.c_str())) {
     cmd_write(l, "550 %.500s: Cannot retrieve file for security reasons\r\n", virt.c_str());
     emsg("Attempted security violation %.500s %.500s\n", l->user.c_str(), virt.c_str());
     return fail();
@@ -336,9 +337,10 @@ int cmd_retr(LINK* l, char** p, int, const char*) {
   }
   set_state(l, V, virt, "step4");
   long long filesize = i64_file_size(realname.c_str());
-  long long daily_limit = l->dailyquota;
-  long long daily_used = get_user_daily_quota(l->user.c_str()) + filesize;
-  if (daily_limit > 0 && daily_used > daily_limit) {
+  const long long daily_limit = l->dailyquota;
+  // The whole file is weighed once here; the loop then counts what is sent.
+  const long long daily_before = get_user_daily_quota(l->user.c_str());
+  if (daily_limit > 0 && daily_before + filesize > daily_limit) {
     cmd_write(l, "425 Transfer would exceed Daily limit of %d bytes\r\n", static_cast<int>(daily_limit));
     emsg("Transfer would exceed Daily limit of %d bytes\n", static_cast<int>(daily_limit));
     return fail();
@@ -408,8 +410,7 @@ int cmd_retr(LINK* l, char** p, int, const char*) {
       }
     }
     written += w;
-    daily_used += r;
-    if (daily_limit > 0 && daily_used > daily_limit) {
+    if (daily_limit > 0 && daily_before + tot + r > daily_limit) {
       run.status = "Daily Quota Exceeded.";
       break;
     }
@@ -466,8 +467,14 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
   dmsg("STOR %.300s\n", fname);
   std::string name(fname);
   std::string realname, vpath, reason;
+  // The length first: a name this long gets this answer, not the failure of
+  // its translation.
+  if (name.size() >= kVdirPathMax) {
+    cmd_write(l, "501 %.500s: Max path length exceeded %d\r\n", fname, static_cast<int>(kVdirPathMax));
+    return 0;
+  }
   if (!vdir_fname(realname, vpath, l, name, reason)) {
-    cmd_write(l, "550 Cant figure out alias's (%.500s)\r\n", fname);
+    cmd_write(l, "550 Cant figure out alias's (%.500s)\r\n", reason.c_str());
     return 0;
   }
   std::string qfile;
@@ -476,11 +483,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
     cmd_write(l, "501 sorry cannot store quota file\r\n");
     return 0;
   }
-  if (name.size() >= kVdirPathMax) {
-    cmd_write(l, "501 %.500s: Max path length exceeded %d\r\n", fname, static_cast<int>(kVdirPathMax));
-    return 0;
-  }
-  if (ini_noupload(l, fname)) {
+  if (ini_noupload(l, vpath.c_str())) {
     cmd_write(l, "550 %.500s: Cannot allow upload of file for security reasons\r\n", fname);
     emsg("Attempted security violation %.500s %.500s\n", l->user.c_str(), fname);
     return 0;
@@ -498,6 +501,14 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
   if (!pre_vfopen_check_all(l, name, mode.c_str(), reason, checked, &q)) {
     emsg("Check Open failed %.500s\n", reason.c_str());
     cmd_write(l, "550 %.500s: %.500s\r\n", fname, reason.c_str());
+    ftp_end_datachan(l);
+    return 0;
+  }
+  // A restart past the end would leave a hole: bytes on disk that no client
+  // sent and that a quota would not see coming.
+  if (l->restart > 0 && l->restart > i64_file_size(checked.c_str())) {
+    l->restart = 0;
+    cmd_write(l, "554 Restart offset beyond end of file\r\n");
     ftp_end_datachan(l);
     return 0;
   }
@@ -532,6 +543,20 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
     if (::lseek(fd, static_cast<off_t>(l->restart), SEEK_SET) < 0) imsg("lseek failed\n");
     l->restart = 0;
   }
+  // The quota counts how far the file's end moves, so that overwritten bytes
+  // count nothing and any hole counts whole.
+  off_t file_end = 0;
+  {
+    struct stat st {};
+    if (::fstat(fd, &st) == 0) file_end = st.st_size;
+  }
+  auto count_growth = [&]() {
+    const off_t at = ::lseek(fd, 0, SEEK_CUR);
+    if (at > file_end) {
+      vquota_add(l, static_cast<long long>(at - file_end));
+      file_end = at;
+    }
+  };
   const time_t started = time(nullptr);
   std::unique_ptr<char[]> buffer(pipe ? nullptr : new char[static_cast<size_t>(kXferBufSize) + 1]);
   std::unique_ptr<char[]> conv(l->isbin ? nullptr : new char[static_cast<size_t>(kXferBufSize) + 2]);
@@ -618,7 +643,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
         run.status = "Daily Quota Exceeded.";
         break;
       }
-      vquota_add(l, r);
+      count_growth();
       l->idle_time_start = static_cast<int>(time(nullptr));
     }
     bytes_written += r;
@@ -631,7 +656,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
   // A CR that ended the upload is data, not half of a line end.
   if (!l->isbin && crlf.holding()) {
     char cr;
-    if (crlf.finish(&cr) == 1) write_all_fd(fd, &cr, 1);
+    if (crlf.finish(&cr) == 1 && write_all_fd(fd, &cr, 1) == 1) count_growth();
   }
   add_to_user_daily_quota(l->user.c_str(), bytes_written);
   if (r < 0) run.set_status(tcp_error(c));

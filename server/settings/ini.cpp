@@ -328,9 +328,16 @@ int ini_is_file_allowable(const char* function, const char* fnamex, const char* 
   if (list.empty() || name.empty()) return 0;
   dmsg("%s (%.80s) (%.80s) \n", function != nullptr ? function : "", name.c_str(), list.c_str());
   if (lib_match_list(list.c_str(), name.c_str()) != 0) return 1;
-  size_t sep = name.find_last_of("/\\");
-  std::string bare = sep == std::string::npos ? name : name.substr(sep + 1);
-  if (!bare.empty() && lib_match_list(list.c_str(), bare.c_str()) != 0) return 1;
+  // Every component, not only the last: ".ssh" also guards ".ssh/id_rsa", and
+  // a name given with a trailing slash is still that name.
+  size_t from = 0;
+  while (from <= name.size()) {
+    size_t sep = name.find_first_of("/\\", from);
+    if (sep == std::string::npos) sep = name.size();
+    std::string part = name.substr(from, sep - from);
+    if (!part.empty() && lib_match_list(list.c_str(), part.c_str()) != 0) return 1;
+    from = sep + 1;
+  }
   return 0;
 }
 

@@ -172,6 +172,9 @@ int ini_setclass(INILINK* l, const char* user, std::string& reason);
 void ini_free(INILINK* l);
 int ini_deny(INILINK* l, std::string& reason);
 
+// 1 when `fnamex` matches `filter_list` (lower case) as a whole or in any one
+// of its components: the action is then refused. Callers pass the simplified
+// virtual path, so that "." and ".." and trailing slashes hide nothing.
 int ini_is_file_allowable(const char* function, const char* fnamex, const char* filter_list);
 int ini_noretrieve(INILINK* l, const char* fnamex);
 int ini_noupload(INILINK* l, const char* fnamex);

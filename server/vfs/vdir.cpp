@@ -76,6 +76,7 @@ int vdir_aliases(Link* l, std::string& virt, std::string& result, DIRRULES* rule
   r = DIRRULES{};
   size_t best = 0;
   bool found = false;
+  bool too_long = false;
   // All `dir` rules in file order, then the `group_resource` rules of groups
   // the user belongs to. A longer alias wins; of equal ones the earlier, except
   // that the root alias leaves `best` at 0, so the last "/" rule governs.
@@ -104,7 +105,11 @@ int vdir_aliases(Link* l, std::string& virt, std::string& result, DIRRULES* rule
       if (root) m = 0;
       best = m;
       found = true;
-      result = strfmt("%.400s/%.400s", real.c_str(), virt.c_str() + m);
+      // Each half has a bound; past it the path is refused, not cut into
+      // the name of another file.
+      const size_t bound = static_cast<size_t>(kVdirAliasPartMax);
+      too_long = real.size() > bound || virt.size() - m > bound;
+      result = real + "/" + virt.substr(m);
       r.alias = alias;
       r.path = real;
       r.read = vini_cur_ptr_true(p, "read");
@@ -117,6 +122,11 @@ int vdir_aliases(Link* l, std::string& virt, std::string& result, DIRRULES* rule
   if (!found) {
     vdir_fixslash(virt);
     imsg("No alias found (%.80s) (%.80s)\n", virt.c_str(), l->user.c_str());
+    return 0;
+  }
+  if (too_long) {
+    imsg("Path too long for its alias (%.80s) (%.80s)\n", virt.c_str(), l->user.c_str());
+    result.clear();
     return 0;
   }
   vdir_fixslash_os(result);
@@ -142,7 +152,10 @@ int vdir_fname(std::string& realpath, std::string& virt_path, Link* l, std::stri
     virt_path = std::move(again);
   }
   if (!vdir_aliases(l, virt_path, realpath, nullptr)) {
-    etext = strfmt("No matching directory for alias (%.100s) ", tmp.c_str());
+    if (realpath.empty())
+      etext = strfmt("Max path length exceeded %d", kVdirAliasPartMax);
+    else
+      etext = strfmt("No matching directory for alias (%.100s) ", tmp.c_str());
     return 0;
   }
   vdir_fixslash(realpath);

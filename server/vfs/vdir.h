@@ -14,7 +14,7 @@
 
 namespace korv {
 
-inline constexpr int kVdirAliasPartMax = 400;  // each half of "%.400s/%.400s" of a match
+inline constexpr int kVdirAliasPartMax = 400;  // longest alias path, and longest rest after the alias
 
 // The outcome of an alias match: the winning rule's texts and its flags, each
 // false when the rule does not give it.
@@ -42,7 +42,9 @@ std::string& vdir_path_alias_ini_p(INIPARAM* inip, std::string& bf, Link* l, int
 // Finds the longest alias of the class that covers the simplified `virt`
 // (normalised in place to the session's form). 1 with the real path in
 // `result`, the rule's flags in `rules`, and the match in l->tmp_virtual and
-// l->tmp_real; or 0 with `result` a copy of `virt`. `rules` may be null.
+// l->tmp_real; or 0 with `result` a copy of `virt` when no alias covers it,
+// or empty when the alias's path or the rest of `virt` is longer than
+// kVdirAliasPartMax. `rules` may be null.
 int vdir_aliases(Link* l, std::string& virt, std::string& result, DIRRULES* rules);
 
 // Client text `fname` to a real path: simplification against l->vcwd, the

@@ -91,12 +91,14 @@ int vdir_simplify(std::string& result, std::string_view path, std::string_view n
   name = up_to_nul(name);
   bool name_abs = !name.empty() && (name[0] == '/' || name[0] == '\\');
   std::string text;
+  // Past a bound the path is refused, never cut: a cut path names another file.
   if (name_abs) {
-    text = name.substr(0, kVdirNameCopyMax);
+    if (name.size() > kVdirNameCopyMax) return 0;
+    text = name;
   } else {
     text.reserve(path.size() + name.size() + 1);
     text.append(path).append(1, '/').append(name);
-    if (text.size() > kVdirJoinCopyMax) text.resize(kVdirJoinCopyMax);
+    if (text.size() > kVdirJoinCopyMax) return 0;
   }
   vdir_fixslash_show_linux(text);
   // Three dots beside a slash are refused outright, whether they form a whole
@@ -105,10 +107,13 @@ int vdir_simplify(std::string& result, std::string_view path, std::string_view n
 
   std::vector<std::string_view> parts;
   std::string_view rest(text);
-  while (!rest.empty() && static_cast<int>(parts.size()) < kVdirMaxParts) {
+  while (!rest.empty()) {
     size_t slash = rest.find('/');
     std::string_view part = rest.substr(0, slash);
-    if (!part.empty()) parts.push_back(part);
+    if (!part.empty()) {
+      if (static_cast<int>(parts.size()) >= kVdirMaxParts) return 0;
+      parts.push_back(part);
+    }
     if (slash == std::string_view::npos) break;
     rest.remove_prefix(slash + 1);
   }
@@ -128,7 +133,10 @@ int vdir_simplify(std::string& result, std::string_view path, std::string_view n
   bool lead = name_abs || (!path.empty() && (path[0] == '/' || path[0] == '\\'));
   if (lead) result = "/";
   for (int i = 0; i < d; i++) {
-    if (result.size() >= kVdirJoinStop) break;  // later components are lost
+    if (result.size() >= kVdirJoinStop) {
+      result.clear();
+      return 0;
+    }
     if (i > 0) result += '/';
     result.append(parts[i]);
   }

@@ -11,9 +11,9 @@ namespace korv {
 
 struct LINK;
 
-inline constexpr size_t kVdirNameCopyMax = 999;  // an absolute name is copied with this bound
-inline constexpr size_t kVdirJoinCopyMax = 998;  // "<path>/<name>" is cut here
-inline constexpr int kVdirMaxParts = 100;        // components kept by the split
+inline constexpr size_t kVdirNameCopyMax = 999;  // longest absolute name
+inline constexpr size_t kVdirJoinCopyMax = 998;  // longest "<path>/<name>"
+inline constexpr int kVdirMaxParts = 100;        // most components
 inline constexpr size_t kVdirJoinStop = 220;     // no component is started at or past this length
 inline constexpr size_t kVdirPathMax = 398;      // paths of CWD, RNFR, RNTO and MLST
 
@@ -40,8 +40,9 @@ std::string& vdir_fixslash_show(const LINK* l, std::string& in);
 
 // `name` against the directory `path` ("/" or "\" in front of `name` makes it
 // absolute): "." dropped, ".." climbs, a climb above the root refused, three
-// dots beside a slash refused. 1 with the simplified path in `result`
-// ("/" for the root, never a trailing slash), or 0 with `result` empty.
+// dots beside a slash refused, and a path past one of the bounds above
+// refused rather than cut. 1 with the simplified path in `result` ("/" for
+// the root, never a trailing slash), or 0 with `result` empty.
 // Client text is a C string: each input ends at its first NUL byte.
 int vdir_simplify(std::string& result, std::string_view path, std::string_view name);
 

@@ -19,8 +19,9 @@ struct ModeRow {
   int (*allowed)(const DIRRULES& r);
 };
 
-// "nomkdir", "nolist" and "nodel" ask about the rule itself; "del" does not
-// need `write`, so commands that delete test what else matters themselves.
+// "nomkdir", "nolist" and "nodel" ask about the rule itself. Deleting changes
+// the area as much as writing does: "del" needs `write`, so a rule with `read`
+// alone is read-only for every command.
 const ModeRow kModes[] = {
     {"read", [](const DIRRULES& r) { return r.read; }},
     {"write", [](const DIRRULES& r) { return r.write; }},
@@ -29,7 +30,7 @@ const ModeRow kModes[] = {
     {"nolist", [](const DIRRULES& r) { return r.nolist; }},
     {"list", [](const DIRRULES& r) { return static_cast<int>(!r.nolist); }},
     {"nodel", [](const DIRRULES& r) { return r.nodel; }},
-    {"del", [](const DIRRULES& r) { return static_cast<int>(!r.nodel); }},
+    {"del", [](const DIRRULES& r) { return static_cast<int>(r.write && !r.nodel); }},
     {"rename", [](const DIRRULES& r) { return static_cast<int>(r.write && !r.nodel); }},
 };
 

@@ -72,7 +72,7 @@ int vlib_chmod(Link* l, std::string_view fname, const char* mode, std::string& e
 time_t vlib_mtime(Link* l, std::string_view fname, std::string& etext);
 // "read"; 1 with the size of a plain file in *filesize, or 0 with `etext`.
 int vlib_file_size(Link* l, std::string_view fname, std::string& etext, long long* filesize);
-// "del" (not "write"), then the file's times.
+// "del" (write without nodel), then the file's times.
 int v_file_set_modified_time(Link* l, std::string_view fname, time_t dte, std::string& etext);
 int v_file_set_created_time(Link* l, std::string_view fname, time_t dte, std::string& etext);
 // No rule: does the virtual name exist, is it a directory. 1 or 0 with `etext`.

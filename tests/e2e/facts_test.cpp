@@ -95,11 +95,11 @@ TEST(Facts, OptsMlstSelectsWhatFeatShowsButLinesStayWhole) {
   lstat(s.path("pub/a.txt").c_str(), &st);
   const std::string unique = std::to_string(static_cast<int>(st.st_dev)) + "." + std::to_string(static_cast<int>(st.st_ino));
   const std::string facts = "type=file;size=5;modify=[0-9]{14};create=[0-9]{14};unique=" + unique +
-                            ";perm=dr;unix.mode=0644;unix.owner=[^;]+;unix.group=[^;]+;";
+                            ";perm=r;unix.mode=0644;unix.owner=[^;]+;unix.group=[^;]+;";
   std::string r = c.cmd("MLST a.txt");
   EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing a.txt\r\n " + facts + " /a.txt\r\n250 End\r\n"))) << r;
   r = c.cmd("MLST sub");
-  EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing sub/\\*\r\n type=dir;[^ ]*perm=delp;unix.mode=0755;[^ ]* /sub\r\n250 End\r\n"))) << r;
+  EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing sub/\\*\r\n type=dir;[^ ]*perm=el;unix.mode=0755;[^ ]* /sub\r\n250 End\r\n"))) << r;
   r = c.cmd("MLST ln");
   EXPECT_TRUE(std::regex_match(r, std::regex("250- Listing ln\r\n type=OS.unix=slink:a.txt;[^ ]* /ln\r\n250 End\r\n"))) << r;
   EXPECT_EQ(c.cmd("MLST nothere").rfind("501 nothere: File does not exist ", 0), 0u);
@@ -116,7 +116,7 @@ TEST(Facts, OptsMlstSelectsWhatFeatShowsButLinesStayWhole) {
                                              "type=OS.unix=slink:a.txt;" + any + " ln\r\n"
                                              "type=dir;" + any + " sub\r\n"
                                              "type=dir;size=0;modify=[0-9]{14};create=19700101000000;unique=0.0;"
-                                             "perm=delp;unix.mode=0555;unix.owner=" + any + " virt\r\n"
+                                             "perm=el;unix.mode=0555;unix.owner=" + any + " virt\r\n"
                                              "226 MLSD complete. \r\n"))) << r;
   EXPECT_EQ(mlsd(c, "MLSD a.txt"), "501 a.txt: No such file or not a directory: Not a directory\r\n");
 }
@@ -146,8 +146,7 @@ TEST(Facts, PermAndModeSayWhatThisUserMayDoThere) {
     const char* file_facts;  // perm and unix.mode
     const char* dir_facts;
   } cases[] = {
-      // Read alone does not refuse a delete, so the rules allow DELE and RMD.
-      {"anonymous", "/", "pub", 0644, 0755, "perm=dr;unix.mode=0644;", "perm=delp;unix.mode=0755;"},
+      {"anonymous", "/", "pub", 0644, 0755, "perm=r;unix.mode=0644;", "perm=el;unix.mode=0755;"},
       {"anonymous", "/ro", "ro", 0640, 02755, "perm=r;unix.mode=0640;", "perm=el;unix.mode=02755;"},
       {"bob", "/", "home/bob", 04755, 01777, "perm=adfrw;unix.mode=04755;", "perm=cdeflmp;unix.mode=01777;"},
   };

@@ -150,18 +150,17 @@ TEST(Listing, RecursiveUnderUnixList) {
   s.dir("pub/sub");
   ASSERT_TRUE(s.start());
   Session c(s.ftp_port());
-  // This scan shows "." and ".." on each level. Each level below the top has
+  // The recursive form leaves out "." and "..". Each level below the top has
   // a heading with its total in kilobytes, and its lines show the size of
   // the last top-level entry.
   const long long last = s.st("pub/sub/deeper").st_size, sub_links = s.st("pub/sub").st_nlink;
-  const std::string top = unix_line("drwxr-xr-x", sub_links, s.st("pub/sub").st_size, ".") +
-                          unix_line("drwxr-xr-x", s.st("pub").st_nlink, s.st("pub").st_size, "..") +
-                          unix_line("-rw-r--r--", 1, 10, "c.txt") + unix_line("drwxr-xr-x", 2, last, "deeper");
+  const std::string top = unix_line("-rw-r--r--", 1, 10, "c.txt") + unix_line("drwxr-xr-x", 2, last, "deeper");
   Listing r = list(c, "LIST -R sub");
-  EXPECT_EQ(r.data, top + "\r\nsub/deeper:\r\ntotal 3\r\n" + unix_line("drwxr-xr-x", 2, last, ".") +
-                        unix_line("drwxr-xr-x", sub_links, last, "..") + unix_line("-rw-r--r--", 1, last, "d.txt"));
+  EXPECT_EQ(r.data, top + "\r\nsub/deeper:\r\ntotal 3\r\n" + unix_line("-rw-r--r--", 1, last, "d.txt"));
   EXPECT_EQ(r.last, kDone);
-  EXPECT_EQ(list(c, "LIST sub").data, top);  // without -R the same scan stays on one level
+  // Without -R the same scan stays on one level, and shows "." and "..".
+  EXPECT_EQ(list(c, "LIST sub").data, unix_line("drwxr-xr-x", sub_links, s.st("pub/sub").st_size, ".") +
+                                          unix_line("drwxr-xr-x", s.st("pub").st_nlink, s.st("pub").st_size, "..") + top);
 }
 
 TEST(Listing, BigDirectoryArrivesWholeAndInOrder) {

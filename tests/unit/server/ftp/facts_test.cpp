@@ -123,7 +123,7 @@ TEST(Facts, PermLettersFollowTheRules) {
   } cases[] = {
       {"read and write", rules(1, 1, 0, 0, 0), 0, 0, "adfrw", "cdeflmp"},
       {"read only, no delete", rules(1, 0, 1, 0, 0), 0, 0, "r", "el"},
-      {"read, delete not refused", rules(1, 0, 0, 0, 0), 0, 0, "dr", "delp"},
+      {"read alone", rules(1, 0, 0, 0, 0), 0, 0, "r", "el"},
       {"write without delete", rules(1, 1, 1, 0, 0), 0, 0, "r", "celm"},
       {"no mkdir", rules(1, 1, 0, 0, 1), 0, 0, "adfrw", "cdeflp"},
       {"no list", rules(1, 1, 0, 1, 0), 0, 0, "adfrw", "cdefmp"},

@@ -270,7 +270,7 @@ TEST_F(IniTest, DenyList) {
   }
 }
 
-TEST_F(IniTest, FileFiltersOnWholePathAndBareName) {
+TEST_F(IniTest, FileFiltersOnWholePathAndEachComponent) {
   load("vdomain name=d\n");
   struct {
     const char* list;
@@ -281,8 +281,11 @@ TEST_F(IniTest, FileFiltersOnWholePathAndBareName) {
       {".netrc", "/home/bob/x", 0},   {"*.exe", "/a/b.EXE", 1},
       {"*.exe", "dir\\file.exe", 1},  {"/secret/*", "/secret/a", 1},
       {"/secret/*", "/open/a", 0},    {"", "/a", 0},
-      {"*", "", 0},                   {"*,!*.txt", "/a/b.txt", 0},
-      {"*.exe", "/a/b.exe/", 0},
+      {"*", "", 0},                   {"*,!*.txt", "b.txt", 0},
+      {"*.exe", "/a/b.exe/", 1},      {".ssh", "/h/.ssh/id_rsa", 1},
+      {".netrc", "/h/.netrc/x", 1},   {".netrc", "/h/x.netrc/y", 0},
+      // A directory is judged as a name too: "a" is not a ".txt".
+      {"*,!*.txt", "/a/b.txt", 1},
   };
   for (const auto& c : cases)
     EXPECT_EQ(ini_is_file_allowable("noretrieve", c.name, c.list), c.refused)

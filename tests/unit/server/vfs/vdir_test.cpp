@@ -46,14 +46,31 @@ TEST(VdirPath, SimplifyTable) {
   EXPECT_EQ(simplify("/x", std::string_view("a\0/../../..", 11)), "/x/a");
 }
 
-TEST(VdirPath, SimplifyBounds) {
-  std::string many;
-  for (int i = 0; i < 150; i++) many += "/c";
-  EXPECT_EQ(simplify("/", many), many.substr(0, 200));  // 100 components kept
-  // No component is started at 220 or beyond, but one started below is whole.
-  std::string x218(218, 'x');
-  EXPECT_EQ(simplify("/", "/" + x218 + "/yyyy/zzz"), "/" + x218 + "/yyyy");
-  EXPECT_EQ(simplify("/", "/" + x218 + "x/yyyy"), "/" + x218 + "x");
+// A path past a bound is refused whole: a cut would name another file.
+TEST(VdirPath, SimplifyRefusesWhatItWouldCut) {
+  std::string c100, c101;
+  for (int i = 0; i < 100; i++) c100 += "/c";
+  c101 = c100 + "/c";
+  std::string x218(218, 'x'), x230(230, 'x');
+  struct Case {
+    std::string path, name, want;
+  } cases[] = {
+      {"/", c100, c100},
+      {"/", c101, X},
+      // No component is started at 220 or beyond, but one started below is whole.
+      {"/", "/" + x218 + "/yyyy", "/" + x218 + "/yyyy"},
+      {"/", "/" + x218 + "/yyyy/zzz", X},
+      {"/", "/" + x230, "/" + x230},
+      {"/", "/" + x230 + "/not-this-file", X},
+      {"/" + x230, "not-this-file", X},
+      {"/", "/" + x230 + "/..", "/"},
+      {"/", "/" + std::string(998, 'n'), "/" + std::string(998, 'n')},
+      {"/", "/" + std::string(999, 'n'), X},
+      {"/d", std::string(995, 'n'), "/d/" + std::string(995, 'n')},
+      {"/d", std::string(996, 'n'), X},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(simplify(c.path, c.name), c.want) << c.path.size() << " + " << c.name.size();
 }
 
 TEST(VdirPath, SlashFormsAndHelpers) {
@@ -205,8 +222,9 @@ TEST_F(VdirIni, AccessWords) {
        "dir alias=\"/none\" path=\"/s/none\"\n");
   const char* modes[] = {"read", "write", "mkdir", "nomkdir", "nolist", "list", "nodel", "del", "rename"};
   // One digit per mode above.
-  for (auto [path, want] : {std::pair{"/ro/f", "100001010"}, {"/rw/f", "111001100"},
-                            {"/mk/f", "010101011"}, {"/nl/f", "100010010"}, {"/none/f", "000001010"}}) {
+  // "del" needs write: read alone is read-only.
+  for (auto [path, want] : {std::pair{"/ro/f", "100001000"}, {"/rw/f", "111001100"},
+                            {"/mk/f", "010101011"}, {"/nl/f", "100010000"}, {"/none/f", "000001000"}}) {
     std::string got, etext;
     for (const char* m : modes) got += vdir_access(&l_, path, m, etext) ? '1' : '0';
     EXPECT_EQ(got, want) << path;
