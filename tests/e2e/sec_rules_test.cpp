@@ -37,14 +37,18 @@ void replace_all(std::string& s, const std::string& from, const std::string& to)
 
 // Anonymous sessions: "/" is pub/ (read alone), "/up" is up/ (read and
 // write); `cls` adds lines to the class, `global` to the global settings.
+// The rules are the subject here, not the acting account: sessions keep the
+// server's identity, so that the test's own files are theirs to change.
+constexpr const char* kKeepIdentity = "\t\tuser_noimpersonate \"true\"\n";
 struct Server : KorvServer {
   explicit Server(const std::string& cls = "", const std::string& global = "")
       : KorvServer(basic_config("\tglobal_log_flush \"true\"\n" + global) +
-                   "\t\tdir alias=\"/up\" path=\"@HOME@/up\" read=\"true\" write=\"true\"\n" + cls) {
+                   "\t\tdir alias=\"/up\" path=\"@HOME@/up\" read=\"true\" write=\"true\"\n" + kKeepIdentity + cls) {
     fs::create_directories(path("pub/sub"));
     fs::create_directories(path("up"));
   }
-  explicit Server(std::string config, int) : KorvServer(std::move(config)) {}
+  // `config` ends with the class whose sessions the test runs.
+  explicit Server(std::string config, int) : KorvServer(std::move(config) + kKeepIdentity) {}
   void put(const std::string& name, const std::string& bytes) {
     fs::create_directories(fs::path(path(name)).parent_path());
     std::ofstream(path(name), std::ios::binary) << bytes;
