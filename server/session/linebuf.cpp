@@ -27,9 +27,11 @@ int LINEBUF::room(int* dropped) {
   grow();
   want = inmax - inlen - 2;
   if (want > 9) return want;
-  // A line longer than the buffer: everything not yet run is thrown away.
+  // A line longer than the buffer: everything not yet run is thrown away, and
+  // so is the rest of that line when its end comes.
   inlen = inupto = inscan = 0;
   inbf[0] = 0;
+  toolong = 1;
   if (dropped != nullptr) *dropped = 1;
   return inmax - 1;
 }
@@ -65,12 +67,29 @@ int LINEBUF::next_line(std::string& out) {
     // A line ends at a line feed preceded by a carriage return of the same
     // line; a bare line feed is an ordinary byte.
     if (lf > inupto && base[lf - 1] == '\r') {
-      ftp_strip_null(out, base + inupto, lf - 1 - inupto);
+      int len = lf - 1 - inupto;
+      int whole = toolong == 0 && len <= kCmdLineMax;
+      if (whole) {
+        ftp_strip_null(out, base + inupto, len);
+      } else {
+        out.clear();
+      }
       inupto = lf + 1;
       inscan = inupto;
-      return 1;
+      toolong = 0;
+      return whole ? 1 : 2;
     }
     from = lf + 1;
+  }
+  // No line end yet. A line already too long is thrown away now rather than
+  // kept to its end; a final CR stays, since it may begin the line end.
+  if (inlen - inupto > kCmdLineMax + 1) {
+    int keep = base[inlen - 1] == '\r' ? 1 : 0;
+    inbf[0] = '\r';
+    inlen = keep;
+    inupto = 0;
+    inbf[inlen] = 0;
+    toolong = 1;
   }
   inscan = inlen;
   return 0;
