@@ -160,13 +160,12 @@ namespace {
 
 bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
 
-// The length of `text` without its line end ("\n" or "\r\n").
+// The length of `text` without its line end ("\n", "\r\n", or the "\r" to
+// which the log adds the "\n").
 size_t body_length(std::string_view text) {
     size_t n = text.size();
-    if (n > 0 && text[n - 1] == '\n') {
-        n--;
-        if (n > 0 && text[n - 1] == '\r') n--;
-    }
+    if (n > 0 && text[n - 1] == '\n') n--;
+    if (n > 0 && text[n - 1] == '\r') n--;
     return n;
 }
 
