@@ -107,6 +107,19 @@ TEST_F(Log, EveryEntryEndsItsLineOnce) {
     }
 }
 
+// Text from a client can never start a log line of its own.
+TEST(LogEscape, ControlBytesAreShownNotWritten) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain\n", "plain\n"},
+        {"crlf\r\n", "crlf\r\n"},
+        {"NOOP\nFAKE LOG LINE\n", "NOOP\\x0aFAKE LOG LINE\n"},
+        {"a\r\nb", "a\\x0d\\x0ab"},
+        {"t\tz\x7f\x01\n", "t\\x09z\\x7f\\x01\n"},
+        {"\xc3\xa9", "\xc3\xa9"},  // UTF-8 stays as it is
+    };
+    for (const auto& [in, out] : cases) EXPECT_EQ(log_escape(in), out) << in;
+}
+
 TEST_F(Log, LevelDecidesWhichLinesAreWritten) {
     open_log();
     struct Case {
