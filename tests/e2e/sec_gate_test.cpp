@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -349,6 +350,24 @@ TEST(SecGate, NamesTheModuleCannotCarry) {
   EXPECT_EQ(log.find("Wrong user returned"), std::string::npos);
   EXPECT_EQ(log.find("restarting authentication"), std::string::npos);
   EXPECT_EQ(log.find("Bad response"), std::string::npos);
+}
+
+// Directories the server makes for its logs can be read by the tools that
+// read the logs: 0755, less what the process's umask takes away.
+TEST(SecGate, LogDirectoriesAreMade0755) {
+  mode_t mask = umask(0);
+  umask(mask);
+  Server s(config("\tlog_home \"@HOME@/lh\"\n"));
+  ASSERT_TRUE(s.start());
+  FtpClient c;
+  open(c, s);
+  anon_login(c);
+  ASSERT_TRUE(s.stop());
+  const fs::perms want = static_cast<fs::perms>(0755 & ~mask);
+  for (const char* dir : {"lh", "lh/test"}) {
+    ASSERT_TRUE(fs::is_directory(s.path(dir))) << dir;
+    EXPECT_EQ(fs::status(s.path(dir)).permissions() & fs::perms::all, want) << dir;
+  }
 }
 
 }  // namespace
