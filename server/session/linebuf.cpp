@@ -29,9 +29,7 @@ int LINEBUF::room(int* dropped) {
   if (want > 9) return want;
   // A line longer than the buffer: everything not yet run is thrown away, and
   // so is the rest of that line when its end comes.
-  inlen = inupto = inscan = 0;
-  inbf[0] = 0;
-  toolong = 1;
+  drop_unread();
   if (dropped != nullptr) *dropped = 1;
   return inmax - 1;
 }
@@ -82,17 +80,22 @@ int LINEBUF::next_line(std::string& out) {
     from = lf + 1;
   }
   // No line end yet. A line already too long is thrown away now rather than
-  // kept to its end; a final CR stays, since it may begin the line end.
-  if (inlen - inupto > kCmdLineMax + 1) {
-    int keep = base[inlen - 1] == '\r' ? 1 : 0;
-    inbf[0] = '\r';
-    inlen = keep;
-    inupto = 0;
-    inbf[inlen] = 0;
-    toolong = 1;
-  }
+  // kept to its end.
+  if (inlen - inupto > kCmdLineMax + 1) drop_unread();
   inscan = inlen;
   return 0;
+}
+
+void LINEBUF::drop_unread() {
+  const char* base = inbf.get();
+  bool ended = inlen == inupto || (inlen - inupto >= 2 && base[inlen - 2] == '\r' && base[inlen - 1] == '\n');
+  // A final CR stays, since it may begin the line end.
+  int keep = !ended && base[inlen - 1] == '\r' ? 1 : 0;
+  inbf[0] = '\r';
+  inlen = keep;
+  inupto = inscan = 0;
+  inbf[inlen] = 0;
+  toolong = ended ? 0 : 1;
 }
 
 void LINEBUF::compact() {

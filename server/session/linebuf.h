@@ -44,6 +44,9 @@ struct LINEBUF {
   // whole; 0 when no complete line is buffered (an unended line already too
   // long is thrown away then, and its end will give 2).
   int next_line(std::string& out);
+  // Throws the unread bytes away; an unended line among them is marked, so
+  // that the rest of it goes too when its end comes.
+  void drop_unread();
   // Moves the unread bytes to the start of the buffer.
   void compact();
   // 1 if the unread bytes hold "ABOR" or "abor" anywhere.

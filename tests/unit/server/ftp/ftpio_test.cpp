@@ -102,6 +102,24 @@ TEST(FtpLineBuf, LongLinesAreDiscardedWhole) {
   ASSERT_EQ(w.next_line(line), 2);
   ASSERT_EQ(w.next_line(line), 1);
   EXPECT_EQ(line, "NOOP");
+  // Only a line cut by the drop loses its rest; complete lines leave nothing.
+  const struct {
+    const char *before, *after;
+    std::vector<std::string> lines;
+  } drops[] = {
+      {"NOOP\r\nSY", "ST\r\nPWD\r\n", {"<too long>", "PWD"}},
+      {"NOOP\r\n", "SYST\r\n", {"SYST"}},
+      {"NOOP\r", "\nPWD\r\n", {"<too long>", "PWD"}},
+  };
+  for (const auto& d : drops) {
+    LineBuf v;
+    v.append(d.before, static_cast<int>(strlen(d.before)));
+    v.drop_unread();
+    v.append(d.after, static_cast<int>(strlen(d.after)));
+    std::vector<std::string> got;
+    for (int r; (r = v.next_line(line)) != 0;) got.push_back(r == 2 ? "<too long>" : line);
+    EXPECT_EQ(got, d.lines) << d.before;
+  }
 }
 
 // The session side over a loopback pair: `peer_` is the client's end.
