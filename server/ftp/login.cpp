@@ -418,6 +418,7 @@ int run_new_user_program(LINK* l, const char* script, const char* username, cons
     }
   }
   imsg("New User Program has not ended yet pid:%d\n", info.pid);
+  libspawn_reap_later(&info);
   return 0;
 }
 
