@@ -186,8 +186,7 @@ int cmd_pass(LINK* l, char** p, int, const char*) {
       l->closing = 1;
       return 1;
     }
-    int logged = login_with_retries(l, dname != nullptr ? dname : "", name, pass, result);
-    if (!logged) {
+    if (!login_with_retries(l, dname != nullptr ? dname : "", name, pass, result)) {
       if (result.compare(0, strlen(kExternalFailed), kExternalFailed) == 0) {
         // An outage of the module is no mark against the address.
         pass_fail_undo(l->ipnum.c_str());
