@@ -8,15 +8,18 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net/tls.h"
@@ -368,6 +371,35 @@ TEST(SecGate, LogDirectoriesAreMade0755) {
     ASSERT_TRUE(fs::is_directory(s.path(dir))) << dir;
     EXPECT_EQ(fs::status(s.path(dir)).permissions() & fs::perms::all, want) << dir;
   }
+}
+
+// Started as a daemon, the server's pid file names the process that stays,
+// not the parent that leaves at once.
+TEST(SecGate, PidFileNamesTheDaemon) {
+  Server s;
+  ASSERT_TRUE(s.rewrite_config(config()));
+  KorvServer::Run r = s.run_bare({"-config", s.config_path()});
+  ASSERT_TRUE(WIFEXITED(r.status)) << r.err;
+  auto alive = [](pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; };
+  pid_t daemon = -1;
+  auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (std::chrono::steady_clock::now() < until && !alive(daemon)) {
+    daemon = static_cast<pid_t>(atoi(slurp(s.path("korvane.pid")).c_str()));
+    if (!alive(daemon)) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const bool known = alive(daemon);
+  EXPECT_TRUE(known) << "pid file holds " << daemon;
+  // Ended through its own stop request, so that no daemon outlives the test.
+  s.run_bare({"-config", s.config_path(), "-stop"});
+  if (!known) {
+    std::this_thread::sleep_for(std::chrono::seconds(5));  // no pid to watch: time for the request
+    return;
+  }
+  until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (alive(daemon) && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  if (alive(daemon)) ::kill(daemon, SIGKILL);
 }
 
 }  // namespace
