@@ -67,6 +67,9 @@ std::atomic<ThreadEndFn> end_hook{nullptr};
 }  // namespace
 
 void th_set_end_hook(ThreadEndFn fn) { end_hook.store(fn); }
+
+std::atomic<ThreadIdleEndFn> idle_end_hook{nullptr};
+void th_set_idle_end_hook(ThreadIdleEndFn fn) { idle_end_hook.store(fn); }
 size_t th_get_stack_size() { return stack_size.load(); }
 
 struct Thread {
@@ -157,6 +160,11 @@ int idle_count = 0;
 std::atomic<bool> kill_all_threads{false};
 std::atomic<int> th_count{0};
 
+// An idle pool thread ends after this long without a job, unless no more
+// than the floor of idle threads would be left.
+std::atomic<long long> idle_end_ms{kPoolIdleEndMs};
+std::atomic<int> idle_floor{kPoolIdleFloor};
+
 int th_exit_now(void*) { return 0; }
 
 void unlink_row(ORDERS* row) {
@@ -169,7 +177,8 @@ void unlink_row(ORDERS* row) {
     }
 }
 
-// Parks the thread until a job is given to it or the pool ends; 1 with a job.
+// Parks the thread until a job is given to it or the pool ends; 1 with a job,
+// 0 when the pool ends, -1 when the thread has been idle too long.
 int th_orders_wait(TLIST* me) {
     std::unique_lock lk(rm);
     if (kill_all_threads.load()) return 0;
@@ -178,9 +187,15 @@ int th_orders_wait(TLIST* me) {
     row.next = orders;
     orders = &row;
     idle_count++;
-    row.cv.wait(lk, [&] { return row.isgo || kill_all_threads.load(); });
-    if (!row.isgo) unlink_row(&row);
-    return row.isgo ? 1 : 0;
+    for (;;) {
+        auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(idle_end_ms.load());
+        if (row.cv.wait_until(lk, until, [&] { return row.isgo || kill_all_threads.load(); })) break;
+        // Idle past the limit: above the floor, this thread is one too many.
+        if (idle_count > idle_floor.load()) break;
+    }
+    if (row.isgo) return 1;
+    unlink_row(&row);
+    return kill_all_threads.load() ? 0 : -1;
 }
 
 int th_reuse(void* p) {
@@ -190,7 +205,13 @@ int th_reuse(void* p) {
         if (me->set_exit || kill_all_threads.load()) break;
         if (me->fn(me->arg) == 0) break;
         if (me->set_exit) break;
-        th_orders_wait(me.get());
+        int w = th_orders_wait(me.get());
+        if (w == 1) continue;
+        // The holder of a handle given out learns that this thread is gone.
+        if (w == -1 && !me->owns_h) {
+            if (ThreadIdleEndFn fn = idle_end_hook.load()) fn(me->h);
+        }
+        break;
     }
     if (ThreadEndFn fn = end_hook.load()) fn();
     {
@@ -298,6 +319,11 @@ int th_kill_all_threads_exit() {
 }
 
 int th_count_now() { return th_count.load(); }
+
+void th_set_pool_idle(long long idle_ms, int floor) {
+    idle_end_ms = idle_ms;
+    idle_floor = floor;
+}
 
 int th_idle_now() {
     std::lock_guard lk(rm);

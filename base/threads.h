@@ -31,6 +31,10 @@ size_t th_get_stack_size();
 // per-thread state (the TLS library's random generators) can release it.
 using ThreadEndFn = void (*)();
 void th_set_end_hook(ThreadEndFn fn);
+// Called by a pool thread that ends for having been idle too long, with the
+// handle given out for it (the hook's owner frees that handle).
+using ThreadIdleEndFn = void (*)(Thread*);
+void th_set_idle_end_hook(ThreadIdleEndFn fn);
 int th_free(Thread* t);
 [[noreturn]] int th_exit(int x);
 int th_kill(Thread* t, int x);  // pthread_kill; an ended thread gives ESRCH, never a fault
@@ -49,6 +53,11 @@ Thread* th_new_or_idle(ThreadFn fn, void* arg);
 int th_kill_all_threads_exit();
 int th_count_now();  // pool threads alive
 int th_idle_now();   // pool threads waiting for a job
+// A pool thread idle longer than idle_ms ends while more than `floor` threads
+// are idle, so that a burst leaves no crowd of threads behind. Tests shorten it.
+inline constexpr long long kPoolIdleEndMs = 60000;
+inline constexpr int kPoolIdleFloor = 16;
+void th_set_pool_idle(long long idle_ms, int floor);
 
 // A system mutex that remembers its name, its owner and where it was last had.
 // Re-entrant for the owner: repeat holds count in nref.

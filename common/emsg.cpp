@@ -156,7 +156,53 @@ int emsg_do(int lvl, const char* line) {
     return emsg_dox(lvl, line);
 }
 
-int emsg_dox(int lvl, const char* text) {
+namespace {
+
+bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
+
+// The length of `text` without its line end ("\n", "\r\n", or the "\r" to
+// which the log adds the "\n").
+size_t body_length(std::string_view text) {
+    size_t n = text.size();
+    if (n > 0 && text[n - 1] == '\n') n--;
+    if (n > 0 && text[n - 1] == '\r') n--;
+    return n;
+}
+
+bool needs_escape(std::string_view text) {
+    size_t n = body_length(text);
+    for (size_t i = 0; i < n; i++) {
+        if (is_control(static_cast<unsigned char>(text[i]))) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string log_escape(std::string_view text) {
+    if (!needs_escape(text)) return std::string(text);
+    size_t n = body_length(text);
+    std::string out;
+    out.reserve(text.size() + 16);
+    for (size_t i = 0; i < n; i++) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (is_control(c)) {
+            out += strfmt("\\x%02x", c);
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    out.append(text.substr(n));
+    return out;
+}
+
+int emsg_dox(int lvl, const char* raw) {
+    std::string escaped;
+    const char* text = raw;
+    if (needs_escape(raw)) {
+        escaped = log_escape(raw);
+        text = escaped.c_str();
+    }
     if (lvl < 0) lvl = 0;
     if (lvl > 2) lvl = 2;
     LogState& s = st();
@@ -189,7 +235,9 @@ int emsg_dox(int lvl, const char* text) {
             if (lvl == 0 || doflush.load()) std::fflush(stdout);
             return 1;
         }
-        if (!s.f.open_making_dir(s.save_name, autoroll ? "w" : "a")) {
+        // After a roll the name is free, so appending starts a new file; a
+        // file that is still there is never cut.
+        if (!s.f.open_making_dir(s.save_name, "a")) {
             log_oops(strfmt("Could not write to file (%s) %s\n", s.save_name.c_str(),
                             errtext(errno).c_str()));
             log_oops(line);

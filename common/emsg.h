@@ -23,6 +23,11 @@ int dmsg(const char* format, ...) __attribute__((format(printf, 1, 2)));  // lev
 int kmsg(const char* format, ...) __attribute__((format(printf, 1, 2)));  // the trace log, if open
 int kmsg_open(const char* path);
 
+// `text` with every control byte (and DEL) shown as "\xNN", so that text from
+// a client can never start a line of its own in a log; a final "\n" or
+// "\r\n" stays the line end.
+std::string log_escape(std::string_view text);
+
 int emsg_do(int lvl, const char* line);   // takes EMSG (thin path) unless disabled
 int emsg_dox(int lvl, const char* line);  // the same without the lock
 int emsg_level();                         // the current level, 0..2

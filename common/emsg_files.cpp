@@ -33,9 +33,9 @@ bool LogFile::open_making_dir(const std::string& path, const char* mode) {
     // Makes each missing level of the directory.
     std::string dir = path.substr(0, slash);
     for (size_t at = 1; at <= dir.size(); at++) {
-        if (at == dir.size() || dir[at] == '/') mkdir(dir.substr(0, at).c_str(), 0700);
+        if (at == dir.size() || dir[at] == '/') mkdir(dir.substr(0, at).c_str(), 0755);
     }
-    return open(path, "w");
+    return open(path, mode);
 }
 
 void LogFile::close() {

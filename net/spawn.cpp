@@ -17,6 +17,7 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "base/fmt.h"
 
@@ -485,6 +486,35 @@ int libspawn_autowaitforend(single_list* processlist, osspawn_info* pinfo, doubl
     copy.reaped = pinfo->reaped;
     processlist->items.push_back(copy);
     return 1;
+}
+
+namespace {
+
+std::mutex later_mx;
+std::vector<int> later_pids;  // under later_mx
+
+}  // namespace
+
+int libspawn_reap_later(osspawn_info* pinfo) {
+    if (pinfo == nullptr || pinfo->pid <= 0 || pinfo->reaped) return 1;
+    std::lock_guard hold(later_mx);
+    later_pids.push_back(pinfo->pid);
+    pinfo->reaped = 1;  // from now on the pid is the list's, never signalled by the caller
+    return 1;
+}
+
+int libspawn_reap_pending() {
+    std::lock_guard hold(later_mx);
+    for (auto it = later_pids.begin(); it != later_pids.end();) {
+        int status = 0;
+        pid_t r = ::waitpid(*it, &status, WNOHANG);
+        if (r == *it || (r < 0 && errno == ECHILD)) {
+            it = later_pids.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return static_cast<int>(later_pids.size());
 }
 
 int libspawn_waiting(single_list* processlist, SpawnMsgFn msg_fn, void* your_ptr) {

@@ -72,4 +72,11 @@ int libspawn_autowaitforend(single_list* processlist, osspawn_info* pinfo, doubl
 int libspawn_waiting(single_list* processlist, SpawnMsgFn msg_fn, void* your_ptr);
 int libspawn_terminate_all(single_list* processlist);
 
+// A child its starter stopped waiting for is reaped later by its own pid
+// (nothing here waits for any child but ours): libspawn_reap_later hands it
+// over (its pipes stay with the caller), libspawn_reap_pending collects those
+// that have ended and returns how many are still running.
+int libspawn_reap_later(osspawn_info* pinfo);
+int libspawn_reap_pending();
+
 }  // namespace korv

@@ -438,7 +438,7 @@ int SSLTcp_Bind(pSSLTcp x, const char* address, unsigned short port, int doliste
         SSLTcp_Record(x, "bind", errno);
         return 0;
     }
-    if (dolisten && ::listen(x->sk, 128) != 0) {
+    if (dolisten && ::listen(x->sk, SOMAXCONN) != 0) {
         SSLTcp_Record(x, "listen", errno);
         return 0;
     }

@@ -587,7 +587,29 @@ int mex_reply_names_user(std::string_view line, std::string_view user, std::stri
     return three && word == user ? 1 : 0;
 }
 
+int mex_name_ok(std::string_view user) {
+    if (user.empty() || user.size() > kMexNameMax) return 0;
+    for (char ch : user) {
+        unsigned char c = static_cast<unsigned char>(ch);
+        if (c <= ' ' || c == 0x7F || c == '#') return 0;
+    }
+    return 1;
+}
+
+namespace {
+
+// A name the line protocol cannot carry would shift the request's words or
+// read as a comment, and the module's answer would then name someone else.
+int refuse_bad_name(const char* user, std::string& result) {
+    if (mex_name_ok(user != nullptr ? user : "")) return 0;
+    result = kMexBadName;
+    return 1;
+}
+
+}  // namespace
+
 int mex_check(const char* domain, const char* user, const char* pass, std::string& result) {
+    if (refuse_bad_name(user, result)) return 0;
     const char* u = user ? user : "";
     std::string cmd = pass ? strfmt("check %s %s", u, pass) : strfmt("lookup %s", u);
     int id = 0;
@@ -605,17 +627,20 @@ int mex_check(const char* domain, const char* user, const char* pass, std::strin
 }
 
 int mex_lookup(const char* domain, const char* user, std::string& result) {
+    if (refuse_bad_name(user, result)) return 0;
     std::string cmd = cut(strfmt("lookup %s", user ? user : ""), kMexRequestMax - 1);
     return mex_request(domain, cmd, result, nullptr, nullptr, "lookup failed");
 }
 
 int mex_set(const char* domain, const char* user, const char* pass, const char* info, std::string& result) {
+    if (refuse_bad_name(user, result)) return 0;
     result.clear();
     std::string cmd = strfmt("set %s %s %s", user ? user : "", pass ? pass : "", info ? info : "");
     return mex_request(domain, cmd, result, nullptr, nullptr, "set failed");
 }
 
 int mex_del(const char* domain, const char* user, std::string& result) {
+    if (refuse_bad_name(user, result)) return 0;
     std::string cmd = cut(strfmt("del %s", user ? user : ""), kMexRequestMax - 1);
     return mex_request(domain, cmd, result, nullptr, nullptr, "del failed");
 }

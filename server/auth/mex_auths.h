@@ -55,6 +55,14 @@ int mex_reset(int active_id);
 int end_external_process(int active_id);
 
 // Requests. Each returns 1 if the final reply line, left in `result`, begins with '+'.
+constexpr size_t kMexNameMax = 256;  // the longest user name a request carries
+
+// 1 if `user` can travel as one word of a request line: not empty, at most
+// kMexNameMax bytes, no blank, control byte, DEL or "#". The requests below
+// refuse any other name (result kMexBadName) without asking the module.
+int mex_name_ok(std::string_view user);
+inline constexpr const char* kMexBadName = "Invalid user name";
+
 // mex_check sends "check user pass", or "lookup user" for a null `pass`, and also insists that
 // the reply names `user` in second place (a reply that does not restarts the module).
 int mex_check(const char* domain, const char* user, const char* pass, std::string& result);

@@ -57,6 +57,28 @@ int pass_fail_add_at(const char* s, time_t now) {
   return 1;
 }
 
+int pass_fail_try(const char* s) { return pass_fail_try_at(s, time(nullptr)); }
+
+int pass_fail_try_at(const char* s, time_t now) {
+  if (s == nullptr) s = "";
+  MutexHold hold(MUTEX_RECENT);
+  if (pass_fail_recent_at(s, now)) return 1;
+  pass_fail_add_at(s, now);
+  return 0;
+}
+
+int pass_fail_undo(const char* s) {
+  if (s == nullptr) s = "";
+  MutexHold hold(MUTEX_RECENT);
+  for (Entry& e : entries) {
+    if (e.used && e.name == s && e.n > 0) {
+      e.n--;
+      break;
+    }
+  }
+  return 1;
+}
+
 int pass_fail_free() {
   MutexHold hold(MUTEX_RECENT);
   entries.fill(Entry{});

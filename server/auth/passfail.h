@@ -16,6 +16,13 @@ int pass_fail_recent_at(const char* s, time_t now);
 // Records a failure of `s`. Returns 1.
 int pass_fail_add(const char* s);
 int pass_fail_add_at(const char* s, time_t now);
+// The check and the record in one step, for an attempt about to be made: 1
+// if `s` has failed too often lately (nothing recorded), else 0 with a
+// failure already counted, so that parallel attempts see each other.
+// pass_fail_undo takes the count back when the attempt did not fail.
+int pass_fail_try(const char* s);
+int pass_fail_try_at(const char* s, time_t now);
+int pass_fail_undo(const char* s);
 // Forgets all. Returns 1.
 int pass_fail_free();
 

@@ -173,6 +173,13 @@ int user_spawn_login_nocache(const char* domain, const char* user, const char* p
                              std::string& original_result) {
   if (domain == nullptr) domain = "";
   if (user == nullptr) user = "";
+  // Checked before the cut: a long name must not log in as its own head.
+  if (!mex_name_ok(user)) {
+    result = kMexBadName;
+    original_result = result;
+    imsg("Spawned login error (%.500s)\n", result.c_str());
+    return 0;
+  }
   std::string working = std::string(user).substr(0, kSpawnUserMax);
   if (*domain != 0 && user_isauthdom(domain)) {
     working = strfmt("%s@%s", working.c_str(), domain);

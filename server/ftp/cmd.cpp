@@ -2,8 +2,6 @@
 // (telnet bytes, arguments, the login gate) and the one reply path.
 #include "server/ftp/cmd.h"
 
-#include <sys/wait.h>
-
 #include <cstdarg>
 #include <cstring>
 
@@ -29,7 +27,7 @@ namespace korv {
 // Verbs whose handlers come with later work answer through cmd_notimp.
 const COMMANDS commands[] = {
     {"abor", 0, 9, 0, cmd_abor},
-    {"auth", 1, 9, 0, cmd_auth},
+    {"auth", 1, 9, kCmdNoAuth, cmd_auth},
     {"acct", 1, 9, 0, cmd_acct},
     {"allo", 2, 2, 0, cmd_allo},
     {"appe", 2, 2, 0, cmd_appe},
@@ -39,8 +37,8 @@ const COMMANDS commands[] = {
     {"rm", 2, 2, 0, cmd_dele},
     {"eprt", 0, 2, 0, cmd_eprt},
     {"epsv", 0, 2, 0, cmd_epsv},
-    {"feat", 0, 2, 0, cmd_feat},
-    {"help", 0, 2, 0, cmd_help},
+    {"feat", 0, 2, kCmdNoAuth, cmd_feat},
+    {"help", 0, 2, kCmdNoAuth, cmd_help},
     {"list", 0, 2, 0, cmd_list},
     {"mkd", 1, 2, 0, cmd_mkd},
     {"mdtm", 0, 2, 0, cmd_mdtm},
@@ -50,13 +48,13 @@ const COMMANDS commands[] = {
     {"mlsd", 0, 2, 0, cmd_mlsd},
     {"mode", 2, 2, 0, cmd_mode},
     {"nlst", 0, 2, 0, cmd_nlst},
-    {"noop", 0, 2, 0, cmd_noop},
-    {"opts", 0, 3, 0, cmd_opts},
+    {"noop", 0, 2, kCmdNoAuth, cmd_noop},
+    {"opts", 0, 3, kCmdNoAuth, cmd_opts},
     {"pass", 1, 2, kCmdNoAuth, cmd_pass},
     {"pasv", 0, 2, 0, cmd_pasv},
-    {"pbsz", 1, 9, 0, cmd_pbsz},
+    {"pbsz", 1, 9, kCmdNoAuth, cmd_pbsz},
     {"port", 1, 2, 0, cmd_port},
-    {"prot", 1, 9, 0, cmd_prot},
+    {"prot", 1, 9, kCmdNoAuth, cmd_prot},
     {"pwd", 0, 2, 0, cmd_pwd},
     {"quit", 0, 3, kCmdNoAuth, cmd_quit},
     {"rest", 1, 2, 0, cmd_rest},
@@ -66,7 +64,7 @@ const COMMANDS commands[] = {
     {"rnto", 1, 2, 0, cmd_rnto},
     {"site", 1, 9, 0, cmd_site},
     {"size", 0, 2, 0, cmd_size},
-    {"sscn", 1, 2, 0, cmd_sscn},
+    {"sscn", 1, 2, kCmdNoAuth, cmd_sscn},
     {"stat", 0, 2, 0, cmd_stat},
     {"stor", 1, 2, 0, cmd_stor},
     {"stou", 2, 2, 0, cmd_stou},
@@ -176,12 +174,17 @@ void cmd_write(LINK* l, const char* format, ...) {
     emsg_do(0, "FATAL,WRITE INMSG ERROR TOO LONG\n");
     s.resize(kReplyMax);
   }
-  // A line end belongs to a reply only as CR LF; a lone CR or LF can only come
-  // from client text quoted in the reply.
-  for (size_t i = 0; i < s.size(); i++) {
-    // A bare newline that ends the whole reply is the format's own (SITE UMASK).
-    if (s[i] == '\n' && i + 1 < s.size() && (i == 0 || s[i - 1] != '\r')) s[i] = ' ';
-    if (s[i] == '\r' && (i + 1 >= s.size() || s[i + 1] != '\n')) s[i] = ' ';
+  // One call is one reply line: its line end is the final CR LF (or a bare
+  // LF, as SITE UMASK has it); any other control byte can only come from
+  // client text or a name quoted in the reply and goes out as a blank.
+  size_t body = s.size();
+  if (body > 0 && s[body - 1] == '\n') {
+    body--;
+    if (body > 0 && s[body - 1] == '\r') body--;
+  }
+  for (size_t i = 0; i < body; i++) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c < 0x20 || c == 0x7F) s[i] = ' ';
   }
   if (l->ipnum != "127.0.0.1") plog(l, "--> %.500s", s.c_str());
   if (l->c) tcp_printf(l->c.get(), "%s", s.c_str());
@@ -209,10 +212,8 @@ int cmd_greetings(LINK* l) {
   return 1;
 }
 
-int ftp_release_all() {
-  int status = 0;
-  waitpid(-1, &status, WNOHANG | WUNTRACED);
-  return 1;
-}
+// Children are reaped by their own pid where they were started; nothing here
+// may collect another's child.
+int ftp_release_all() { return 1; }
 
 }  // namespace korv

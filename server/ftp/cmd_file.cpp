@@ -297,10 +297,20 @@ int cmd_site_umask(LINK* l, const char* mask, int np) {
 }
 
 int cmd_site_idle(LINK* l, const char* secs, int np) {
+  // A client may lengthen its own idle limit, but not past two hours, and not
+  // to nothing (0 minutes would end the session at its next read).
+  constexpr long kIdleMinSecs = 30, kIdleMaxSecs = 7200;
   int n = 0;
   if (np > 2) {
-    n = atoi(secs);
-    l->idle_time_limit = n / 60;
+    char* end = nullptr;
+    errno = 0;
+    long v = isdigit(static_cast<unsigned char>(secs[0])) ? strtol(secs, &end, 10) : -1;
+    if (v < kIdleMinSecs || v > kIdleMaxSecs || errno != 0 || end == nullptr || *end != 0) {
+      cmd_write(l, "501 Idle time must be between 30 and 7200 seconds\r\n");
+      return 0;
+    }
+    n = static_cast<int>(v);
+    l->idle_time_limit = n < 60 ? 1 : n / 60;
   }
   cmd_write(l, "200 Idle set to %d seconds, %d minutes\r\n", n, l->idle_time_limit);
   return 1;

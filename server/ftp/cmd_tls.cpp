@@ -46,10 +46,18 @@ int cmd_auth(LINK* l, char** p, int, const char*) {
     l->w.inupto = l->w.inlen;
     l->w.inscan = l->w.inlen;
     std::string reason;
-    if (!l->c || !new_tcp_ssl_init(l->c.get(), korv_main_ssl_get_ftpconn(), l->SSCNisServer, reason)) {
+    // The control channel is always the server side of TLS; SSCN is for data
+    // connections only.
+    if (!l->c || !new_tcp_ssl_init(l->c.get(), korv_main_ssl_get_ftpconn(), 1, reason)) {
         imsg("Unable to enable ssl, %s\n", reason.c_str());
         l->ssl_data = 0;
         cmd_write(l, "550 cannot enable SSL (%s)\r\n", reason.c_str());
+        // The stream is in no known state (a handshake's tail, or TLS without
+        // the certificate we require): nothing more is read from it.
+        l->ssl_con = 0;
+        l->w.inupto = l->w.inlen;
+        l->w.inscan = l->w.inlen;
+        l->closing = 1;
         return 0;
     }
     imsg("Command Channel is encrypted, %s\n", reason.c_str());

@@ -44,8 +44,8 @@ std::string cut(std::string s, size_t n) {
 }
 
 // Steps 3 to 5 of PORT and EPRT: the host test, the port test, and the end of
-// any open data channel.
-void port_common(LINK* l, const std::string& newto) {
+// any open data channel. Only an accepted address replaces the one before.
+void port_common(LINK* l, const std::string& newto, unsigned short newport) {
     bool proceed = true;
     if (newto != l->to) {
         if (!ini_true(l, INI_FTP_PROXY)) {
@@ -59,11 +59,11 @@ void port_common(LINK* l, const std::string& newto) {
         }
     }
     if (proceed) {
-        if (l->port > 1023) {
+        if (newport > 1023) {
             l->to = cut(newto, kPortHostMax);
+            l->port = newport;
             cmd_write(l, "200 PORT command successful.\r\n");
         } else {
-            l->port = 0;
             cmd_write(l, "500 Illegal PORT command, must use port>1023.\r\n");
         }
     }
@@ -188,9 +188,10 @@ std::string ftp_portstr(const char* address, int port) {
 int cmd_port(LINK* l, char** p, int, const char*) {
     if (refuse_after_epsv_all(l, p[0])) return 0;
     std::string newto;
-    ftp_decode_port(p[1], newto, &l->port);
-    dmsg("Received port connect-to-client info %s:%d \n", newto.c_str(), l->port);
-    port_common(l, newto);
+    unsigned short newport = 0;
+    ftp_decode_port(p[1], newto, &newport);
+    dmsg("Received port connect-to-client info %s:%d \n", newto.c_str(), newport);
+    port_common(l, newto, newport);
     return 1;
 }
 
@@ -198,17 +199,18 @@ int cmd_eprt(LINK* l, char** p, int, const char*) {
     if (refuse_after_epsv_all(l, p[0])) return 0;
     std::string newto;
     int proto = 0;
-    if (!ftp_decode_eport(p[1], newto, &l->port, &proto)) {
+    unsigned short newport = 0;
+    if (!ftp_decode_eport(p[1], newto, &newport, &proto)) {
         cmd_write(l, "500 Bad port syntax (%.400s)\r\n", p[1]);
         return 0;
     }
-    dmsg("Received eprt connect-to-client info %s:%d \n", newto.c_str(), l->port);
+    dmsg("Received eprt connect-to-client info %s:%d \n", newto.c_str(), newport);
     if (proto != 1) {
         cmd_write(l, "522 Network protocol not supported, use (1)\r\n");
         return 0;
     }
-    imsg("REceieved eprt (%s) %d\n", newto.c_str(), l->port);
-    port_common(l, newto);
+    imsg("REceieved eprt (%s) %d\n", newto.c_str(), newport);
+    port_common(l, newto, newport);
     return 1;
 }
 

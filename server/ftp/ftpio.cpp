@@ -58,8 +58,13 @@ int tcp_process(LINK* ll) {
   std::string line;
   // Every complete line runs now, in order; a handler may read more into the
   // buffer, so its state is taken afresh for each line.
-  while (ll->w.next_line(line)) {
-    cmd_do(ll, line.c_str());
+  int got;
+  while (!ll->closing && (got = ll->w.next_line(line)) != 0) {
+    if (got == 2) {
+      cmd_write(ll, "500 Line too long\r\n");
+    } else {
+      cmd_do(ll, line.c_str());
+    }
     ll->idle_time_start = static_cast<int>(time(nullptr));
   }
   if (ll->w.inbf) ll->w.compact();

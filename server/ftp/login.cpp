@@ -178,12 +178,19 @@ int cmd_pass(LINK* l, char** p, int, const char*) {
     const char* suffix = sget(l, INI_DOMAIN_AUTHENTICATION_SUFFIX);
     std::string name = *prefix == 0 && *suffix == 0 ? l->user : strfmt("%s%s%s", prefix, l->user.c_str(), suffix);
     const char* dname = ini_get_p(l, INI_VDOMAIN, "name");
+    // The attempt counts as a failure from before it starts, so that parallel
+    // sessions of one address cannot all pass the throttle together.
+    if (pass_fail_try(l->ipnum.c_str())) {
+      login_delay(kDelayThrottleMs);
+      cmd_write(l, "530 Login incorrect - too many attempts try later (%s)\r\n", l->ipnum.c_str());
+      l->closing = 1;
+      return 1;
+    }
     if (!login_with_retries(l, dname != nullptr ? dname : "", name, pass, result)) {
       if (result.compare(0, strlen(kExternalFailed), kExternalFailed) == 0) {
         // An outage of the module is no mark against the address.
+        pass_fail_undo(l->ipnum.c_str());
         result = "Unable to authenticate at this time, please try again.";
-      } else {
-        pass_fail_add(l->ipnum.c_str());
       }
       imsg("User Lookup failed %.500s %.400s\n", l->user.c_str(), result.c_str());
       login_delay(kDelayFailMs);
@@ -192,6 +199,7 @@ int cmd_pass(LINK* l, char** p, int, const char*) {
                 sget(nullptr, INI_GLOBAL_LOGIN_ERROR));
       return 1;
     }
+    pass_fail_undo(l->ipnum.c_str());
     // A name let in only on its lower-case retry: the session is the account
     // that was accepted, for its home, its limits and its logs alike.
     if (l->utoken && l->utoken->user != name && l->utoken->user == str_lower(name)) {
@@ -417,6 +425,7 @@ int run_new_user_program(LINK* l, const char* script, const char* username, cons
     }
   }
   imsg("New User Program has not ended yet pid:%d\n", info.pid);
+  libspawn_reap_later(&info);
   return 0;
 }
 

@@ -140,7 +140,7 @@ void plog(LINK* l, const char* format, ...) {
   va_start(ap, format);
   std::string text = format_line(format, ap);
   va_end(ap);
-  std::string line = with_names(l, text);
+  std::string line = log_escape(with_names(l, text));
   syslog_cmds(line.c_str());
   locked(plog_do, l, line);
 }
@@ -150,7 +150,7 @@ void login_log(LINK* l, const char* format, ...) {
   va_start(ap, format);
   std::string text = format_line(format, ap);
   va_end(ap);
-  locked(plogin_do, l, with_names(l, text));
+  locked(plogin_do, l, log_escape(with_names(l, text)));
 }
 
 void xlog(LINK* l, const char* format, ...) {
@@ -158,7 +158,7 @@ void xlog(LINK* l, const char* format, ...) {
   va_start(ap, format);
   std::string text = format_line(format, ap);
   va_end(ap);
-  locked(xlog_do, l, text);
+  locked(xlog_do, l, log_escape(text));
 }
 
 int plog_flush() { return close_locked(fplog); }

@@ -135,6 +135,10 @@ void session_loop(LINK* l) {
       imsg("main: tcp_process1 broke\r\n");
       break;
     }
+    if (l->closing) {
+      imsg("main: closing channel, user %s\r\n", l->user.c_str());
+      break;
+    }
     if (!tcp_readmore(l, kReadWaitMs, 1)) {
       if (!l->c) {
         imsg("cmd: readmore failed (Channel is closed)\n");
@@ -161,7 +165,7 @@ int get_exceed_users(int* limit) {
   if (!limit_logged.exchange(true)) imsg("Concurrent user limit is set to %d\n", max);
   if (limit != nullptr) *limit = max;
   MutexHold hold(MUTEX_CURRENT_CONNECTIONS);
-  return total_logged_in_users() >= max ? 1 : 0;
+  return total_logged_in_users() > max ? 1 : 0;  // the count holds this session
 }
 
 int ftp_main(LINK* l) {

@@ -234,6 +234,7 @@ void notify_watcher(const char* wpname, const char* realname, const char* mode, 
     }
   }
   emsg("Watcher Program has not ended yet pid:%d", info.pid);
+  libspawn_reap_later(&info);
 }
 
 int cmd_rest(LINK* l, char** p, int, const char*) {

@@ -17,6 +17,7 @@
 #include "common/emsg.h"
 #include "common/emsg_files.h"
 #include "common/mutex.h"
+#include "net/spawn.h"
 #include "server/auth/auth_setups.h"
 #include "server/auth/mex_auths.h"
 #include "server/ftp/daily.h"
@@ -104,6 +105,7 @@ int korv_idle(process_data* main_process_info) {
             vini_reload();
             remove(f.c_str());
         }
+        libspawn_reap_pending();
         if (main_process_info != nullptr && !main_process_info->items.empty())
             libspawn_waiting(main_process_info,
                              [](int pid, int code, const char* msg, void* p) { lost_child_process(pid, code, msg, p); },

@@ -498,8 +498,7 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     const char* lh = ini_get(nullptr, INI_LOG_HOME);
     korv_set_log_home(lh);
     std::string home = ini_get(nullptr, INI_HOME) != nullptr ? ini_get(nullptr, INI_HOME) : "";
-    // The mode is the decimal number 755, as it has always been given.
-    if (lh != nullptr && *lh) mkdir(lh, 755);
+    if (lh != nullptr && *lh) mkdir(lh, 0755);
     port.store(o.port);
     if (int gp = ini_geti(nullptr, INI_GLOBAL_PORT); gp > 0) port.store(gp);
     if (home.empty()) {
@@ -542,16 +541,17 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     emsg_setflush(ini_true(nullptr, INI_GLOBAL_LOG_FLUSH));
     set_fx_log_flush(ini_true(nullptr, INI_GLOBAL_LOG_FLUSH));
     emsg_syslog_host(ini_get(nullptr, INI_GLOBAL_LOG_HOST));
-    if (FILE* f = fopen(bin_file(".pid").c_str(), "w")) {
-        fprintf(f, "%d\n", th_pid());
-        fclose(f);
-    }
     // The monitor (global_restart) joins with the watchdog's own work.
     if (o.nodetach) {
         printf("Server process not detaching (ctrl-c to break)\n");
         fflush(stdout);
     } else if (restart_ftp_now.load() == 0 && strcmp(start_word, "Starting") == 0) {
         lib_detach();
+    }
+    // Written after detaching, so that it names the daemon and not its parent.
+    if (FILE* f = fopen(bin_file(".pid").c_str(), "w")) {
+        fprintf(f, "%d\n", th_pid());
+        fclose(f);
     }
     start_multi_auth_scenario();
     // The idle tick keeps these in step with the settings; set here so that

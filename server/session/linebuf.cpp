@@ -27,9 +27,9 @@ int LINEBUF::room(int* dropped) {
   grow();
   want = inmax - inlen - 2;
   if (want > 9) return want;
-  // A line longer than the buffer: everything not yet run is thrown away.
-  inlen = inupto = inscan = 0;
-  inbf[0] = 0;
+  // A line longer than the buffer: everything not yet run is thrown away, and
+  // so is the rest of that line when its end comes.
+  drop_unread();
   if (dropped != nullptr) *dropped = 1;
   return inmax - 1;
 }
@@ -65,15 +65,37 @@ int LINEBUF::next_line(std::string& out) {
     // A line ends at a line feed preceded by a carriage return of the same
     // line; a bare line feed is an ordinary byte.
     if (lf > inupto && base[lf - 1] == '\r') {
-      ftp_strip_null(out, base + inupto, lf - 1 - inupto);
+      int len = lf - 1 - inupto;
+      int whole = toolong == 0 && len <= kCmdLineMax;
+      if (whole) {
+        ftp_strip_null(out, base + inupto, len);
+      } else {
+        out.clear();
+      }
       inupto = lf + 1;
       inscan = inupto;
-      return 1;
+      toolong = 0;
+      return whole ? 1 : 2;
     }
     from = lf + 1;
   }
+  // No line end yet. A line already too long is thrown away now rather than
+  // kept to its end.
+  if (inlen - inupto > kCmdLineMax + 1) drop_unread();
   inscan = inlen;
   return 0;
+}
+
+void LINEBUF::drop_unread() {
+  const char* base = inbf.get();
+  bool ended = inlen == inupto || (inlen - inupto >= 2 && base[inlen - 2] == '\r' && base[inlen - 1] == '\n');
+  // A final CR stays, since it may begin the line end.
+  int keep = !ended && base[inlen - 1] == '\r' ? 1 : 0;
+  inbf[0] = '\r';
+  inlen = keep;
+  inupto = inscan = 0;
+  inbf[inlen] = 0;
+  toolong = ended ? 0 : 1;
 }
 
 void LINEBUF::compact() {

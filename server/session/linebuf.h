@@ -1,6 +1,7 @@
 // The control line buffer of a connection: bytes in, command lines out (a
-// line ends at CR LF only, NUL bytes are dropped). Pure code, shared by the
-// session record and the FTP command reader.
+// line ends at CR LF only, NUL bytes are dropped, a line longer than
+// kCmdLineMax is discarded whole). Pure code, shared by the session record and
+// the FTP command reader.
 #pragma once
 
 #include <memory>
@@ -21,6 +22,7 @@ struct LINEBUF {
   int inupto = 0;                // read position: bytes before it are done
   int inmax = 0;                 // size of inbf
   int inscan = 0;                // bytes before it hold no line end after inupto
+  int toolong = 0;               // the unended line in the buffer is being discarded
 
   // Grows the buffer: kInFirstSize at the first call, kInGrowSize at every
   // later one. 0 only at kInRefuseSize or more.
@@ -37,9 +39,14 @@ struct LINEBUF {
   int append(const char* data, int n);
 
   // The next complete line from inupto, without its CR LF, through
-  // ftp_strip_null into `out`. 1 and inupto moved past the line, or 0 when no
-  // complete line is buffered.
+  // ftp_strip_null into `out`. 1 and inupto moved past the line; 2 (and `out`
+  // empty) when the line was longer than kCmdLineMax and has been discarded
+  // whole; 0 when no complete line is buffered (an unended line already too
+  // long is thrown away then, and its end will give 2).
   int next_line(std::string& out);
+  // Throws the unread bytes away; an unended line among them is marked, so
+  // that the rest of it goes too when its end comes.
+  void drop_unread();
   // Moves the unread bytes to the start of the buffer.
   void compact();
   // 1 if the unread bytes hold "ABOR" or "abor" anywhere.

@@ -125,8 +125,12 @@ int link_sameip(Link* l) {
     return link_count_same(l, [l](Link* x) { return x->ipnum == l->ipnum; });
 }
 
+// Only logged-in sessions count: a session that has sent USER alone holds
+// nothing of the user's.
 int link_sameuser(Link* l) {
-    return link_count_same(l, [l](Link* x) { return strcasecmp(x->user.c_str(), l->user.c_str()) == 0; });
+    return link_count_same(l, [l](Link* x) {
+        return x->needauth.load() == 0 && strcasecmp(x->user.c_str(), l->user.c_str()) == 0;
+    });
 }
 
 int link_sameclass(Link* l) {

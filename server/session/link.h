@@ -47,7 +47,7 @@ struct LINK : INILINK {
     int SSCNisServer = 1;
     int hide = 0;
     int done_abort = 0;
-    int needauth = 0;
+    std::atomic<int> needauth{1};   // closed until a login completes (others count logins by it)
     std::atomic<int> closing{0};    // end the session at the next check
     int cur_umask = 022;
     int onlyepsv = 0;

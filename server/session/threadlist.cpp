@@ -220,6 +220,26 @@ int main_thread_free_one(Thread* th, int do_reuse) {
     return 0;
 }
 
+namespace {
+
+// A pooled thread that ended idle leaves its row: the row holds its handle.
+void forget_idle_thread(Thread* th) {
+    MutexHold hold(MUTEX_CREATE_THREAD_LIST);
+    for (THREADLIST** p = &tlist; *p != nullptr; p = &(*p)->next) {
+        THREADLIST* t = *p;
+        if (t->th != th) continue;
+        *p = t->next;
+        dmsg("Thread: %d ending idle\n", th_id());
+        th_free(t->th);
+        delete t;
+        return;
+    }
+}
+
+[[maybe_unused]] const bool g_idle_hook = (th_set_idle_end_hook(&forget_idle_thread), true);
+
+}  // namespace
+
 int main_thread_kill_all(int is_restarting) {
     {
         MutexHold hold(MUTEX_CREATE_THREAD_LIST);

@@ -73,6 +73,7 @@ TEST(DataChanE2E, PortEprtEpsvReplies) {
     for (const auto& session : sessions) {
         FtpCtl c;
         open(c, s.ftp_port());
+        anon_login(c);
         for (const auto& [line, want] : session) {
             std::string got = c.cmd(line);
             if (want[0] == '~') {

@@ -133,7 +133,7 @@ TEST(Login, AnonymousSpellingsAndAddressChecks) {
     FtpClient c;
     open(c, s, k.to);
     EXPECT_EQ(login(c, k.user, k.pass), k.want) << k.to << " " << k.user << " " << k.pass;
-    EXPECT_EQ(c.cmd("NOOP"), k.want[0] == '2' ? "200 NOOP command successful.\r\n" : "530 User and pass still required\r\n");
+    EXPECT_EQ(c.cmd("PWD"), k.want[0] == '2' ? "257 \"/\" is current directory.\r\n" : "530 User and pass still required\r\n");
   }
 }
 
@@ -144,11 +144,11 @@ TEST(Login, ModuleUserCacheAndNoPasswordInAnyLog) {
   FtpClient c;
   open(c, s);
   EXPECT_EQ(c.cmd("USER alice"), "331 Password required for alice.\r\n");
-  EXPECT_EQ(c.cmd("NOOP"), "530 User and pass still required\r\n");
+  EXPECT_EQ(c.cmd("PWD"), "530 User and pass still required\r\n");
   EXPECT_EQ(c.cmd("PASS Secret-42"), "230 User alice logged in.\r\n");
   EXPECT_EQ(c.cmd("NOOP"), "200 NOOP command successful.\r\n");
   EXPECT_EQ(login(c, "alice", "Wrong-17"), "530 Login incorrect alice -ERR alice bad login \r\n");
-  EXPECT_EQ(c.cmd("NOOP"), "530 User and pass still required\r\n");  // USER began a new login
+  EXPECT_EQ(c.cmd("PWD"), "530 User and pass still required\r\n");  // USER began a new login
   // With her password changed in the file, the old one still logs in: the
   // good answer comes from the cache, for that password only.
   s.user("alice", "Changed-9");
@@ -242,7 +242,7 @@ TEST(Login, ThrottlesAndLoginfails) {
   for (size_t i = 0; i < a.size(); i++) open(a[i], s, "127.0.0.1", i < 3 ? "127.0.0.4" : "127.0.0.5");
   for (size_t i = 0; i < a.size(); i++)
     EXPECT_EQ(a[i].cmd("USER ftp"), i == 2 ? "450 Server Access temporially unavailable, please try again later.\r\n" : kAnonOk) << i;
-  EXPECT_EQ(a[2].cmd("NOOP"), "530 User and pass still required\r\n");
+  EXPECT_EQ(a[2].cmd("PWD"), "530 User and pass still required\r\n");
 }
 
 // A system account, made for the test and removed after it.

@@ -115,6 +115,8 @@ TEST(Process, ReloadReachesNewSessionsOnly) {
         FtpClient old;
         ASSERT_TRUE(old.connect(s.ftp_port()));
         ASSERT_EQ(old.reply(), "220 Korvane first (Version 0.1.0)\r\n");
+        ASSERT_EQ(old.cmd("USER ftp").substr(0, 4), "331 ");
+        ASSERT_EQ(old.cmd("PASS a@b.c").substr(0, 4), "230 ");
         ASSERT_TRUE(s.rewrite_config(config_named("second")));
         if (how == kSighup)
             s.signal(SIGHUP);

@@ -118,6 +118,34 @@ TEST_F(Pool, BusyIdleThreadMeansANewThreadForTheSecondJob) {
     EXPECT_TRUE(eventually([] { return th_idle_now() == 2; }));
 }
 
+// After a burst, idle threads end down to the floor and no further; what is
+// left still takes jobs.
+std::atomic<int> idle_ended{0};
+void count_idle_end(Thread*) { idle_ended++; }
+
+TEST_F(Pool, IdleThreadsEndDownToTheFloor) {
+    th_set_pool_idle(100, 2);
+    th_set_idle_end_hook(&count_idle_end);  // the handles stay ours to free
+    Gate gate;
+    std::vector<Job> burst(6);
+    for (Job& j : burst) {
+        j.gate = &gate;
+        give(j);
+    }
+    ASSERT_TRUE(eventually([] { return th_count_now() == 6; }));
+    gate.release();
+    EXPECT_TRUE(eventually([] { return th_count_now() == 2 && th_idle_now() == 2; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // several more idle periods
+    EXPECT_EQ(th_count_now(), 2);
+    Job later;
+    give(later);
+    ASSERT_TRUE(eventually([&] { return later.done.load(); }));
+    EXPECT_EQ(th_count_now(), 2);
+    EXPECT_EQ(idle_ended.load(), 4);
+    th_set_pool_idle(kPoolIdleEndMs, kPoolIdleFloor);
+    th_set_idle_end_hook(nullptr);
+}
+
 TEST_F(Pool, MostRecentlyIdleThreadGetsTheJob) {
     Gate ga, gb;
     Job a, b;

@@ -107,6 +107,19 @@ TEST_F(Log, EveryEntryEndsItsLineOnce) {
     }
 }
 
+// Text from a client can never start a log line of its own.
+TEST(LogEscape, ControlBytesAreShownNotWritten) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain\n", "plain\n"},
+        {"crlf\r\n", "crlf\r\n"},
+        {"NOOP\nFAKE LOG LINE\n", "NOOP\\x0aFAKE LOG LINE\n"},
+        {"a\r\nb", "a\\x0d\\x0ab"},
+        {"t\tz\x7f\x01\n", "t\\x09z\\x7f\\x01\n"},
+        {"\xc3\xa9", "\xc3\xa9"},  // UTF-8 stays as it is
+    };
+    for (const auto& [in, out] : cases) EXPECT_EQ(log_escape(in), out) << in;
+}
+
 TEST_F(Log, LevelDecidesWhichLinesAreWritten) {
     open_log();
     struct Case {
@@ -142,7 +155,9 @@ TEST_F(Log, MissingDirectoryIsMade) {
     emsg("x\n");
     emsg_flush();
     EXPECT_EQ(lines_of(deep).size(), 1u);
-    EXPECT_EQ(fs::status(dir_ / "a").permissions() & fs::perms::all, fs::perms::owner_all);
+    EXPECT_EQ(fs::status(dir_ / "a").permissions() & fs::perms::all,
+              fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read |
+                  fs::perms::others_exec);
 }
 
 // A line counts its length less 11 bytes, and the log rolls once the count

@@ -145,6 +145,25 @@ TEST(Spawn, ChildReapedElsewhereCountsAsEnded) {
     EXPECT_EQ(reason, "");  // no signal was tried
 }
 
+// A child handed over is reaped by its pid once it ends, and a child that is
+// not handed over is left to its starter.
+TEST(Spawn, HandedOverChildIsReapedByItsPid) {
+    osspawn_info mine, kept;
+    ASSERT_EQ(libspawn_create("/bin/sleep 0.2", nullptr, 0, &mine), 1);
+    ASSERT_EQ(libspawn_create("/bin/true", nullptr, 0, &kept), 1);
+    EXPECT_EQ(libspawn_reap_later(&mine), 1);
+    EXPECT_EQ(mine.reaped, 1);
+    int left = 1;
+    for (int i = 0; i < 1000 && left > 0; i++) {
+        left = libspawn_reap_pending();
+        if (left > 0) ::usleep(10000);
+    }
+    EXPECT_EQ(left, 0);
+    int status = 0;
+    EXPECT_EQ(::waitpid(mine.pid, &status, WNOHANG), -1);  // already collected
+    EXPECT_EQ(::waitpid(kept.pid, &status, 0), kept.pid);  // still ours to collect
+}
+
 TEST(Spawn, TerminationEscalatesPastAnIgnoredSigterm) {
     test::TempDir dir("korv-spawn");
     std::string script = dir.file("stubborn.sh");

@@ -85,6 +85,18 @@ protected:
     std::string dir_;
 };
 
+TEST(MexNames, OnlyNamesARequestCanCarry) {
+  const struct {
+    std::string name;
+    int ok;
+  } cases[] = {
+      {"bob", 1}, {"a.b-c_d@example.org", 1}, {"\xc3\xa9l\xc3\xa8ve", 1}, {std::string(256, 'a'), 1},
+      {"", 0},    {"a b", 0},  {"a\tb", 0},  {"#x", 0},  {"a#", 0},  {"a\x7f", 0},  {"a\r\nb", 0},
+      {std::string(257, 'a'), 0},
+  };
+  for (const auto& c : cases) EXPECT_EQ(mex_name_ok(c.name), c.ok) << c.name;
+}
+
 TEST_F(MexTest, ReplyShapes) {
     struct Case {
         const char* name;

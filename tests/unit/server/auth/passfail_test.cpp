@@ -32,6 +32,18 @@ TEST_F(PassFail, NineRecentFailuresLockTheName) {
   EXPECT_EQ(pass_fail_recent_at("127.0.0.1", T0), 0);  // never limited
 }
 
+// An attempt is counted before it is made: nine attempts in flight fill the
+// window, and only one that did not fail gives its place back.
+TEST_F(PassFail, TriesCountBeforeTheirOutcome) {
+  for (int i = 0; i < 9; i++) EXPECT_EQ(pass_fail_try_at("10.2.2.2", T0), 0) << i;
+  EXPECT_EQ(pass_fail_try_at("10.2.2.2", T0), 1);
+  EXPECT_EQ(pass_fail_undo("10.2.2.2"), 1);
+  EXPECT_EQ(pass_fail_try_at("10.2.2.2", T0 + 1), 0);
+  EXPECT_EQ(pass_fail_try_at("10.2.2.2", T0 + 1), 1);
+  EXPECT_EQ(pass_fail_try_at("10.2.2.2", T0 + 301), 0);  // a new window
+  EXPECT_EQ(pass_fail_try_at("10.2.2.3", T0), 0);
+}
+
 TEST_F(PassFail, CountsResetOnlyWhenAskedAfterTheWindow) {
   for (int i = 0; i < 9; i++) pass_fail_add_at("a", T0);
   // Without a question in between, a failure 300 s later counts from 9.

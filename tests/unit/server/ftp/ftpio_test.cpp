@@ -1,5 +1,5 @@
 // The control line framer: lines end only at CR LF, every split of the input
-// gives the same lines, long lines are cut and unended floods dropped; and on
+// gives the same lines, long lines and unended floods are discarded whole; and on
 // a loopback pair, the idle limit and the abort poll of a transfer.
 #include "server/ftp/ftpio.h"
 
@@ -28,7 +28,8 @@ std::vector<std::string> frame(const std::vector<std::string>& pieces, std::stri
   std::vector<std::string> lines;
   for (const auto& piece : pieces) {
     w.append(piece.data(), static_cast<int>(piece.size()));
-    for (std::string line; w.next_line(line);) lines.push_back(line);
+    std::string line;
+    for (int got; (got = w.next_line(line)) != 0;) lines.push_back(got == 2 ? "<too long>" : line);
     w.compact();
   }
   if (rest != nullptr) rest->assign(w.inbf ? w.inbf.get() : "", static_cast<size_t>(w.unread()));
@@ -64,21 +65,61 @@ TEST(FtpLineBuf, EverySplitGivesTheSameLines) {
   }
 }
 
-TEST(FtpLineBuf, LongLinesAreCutAndFloodsDropped) {
-  // The dispatcher sees 999 bytes of a line, NULs counted.
-  std::vector<std::string> lines = frame({std::string(10, '\0') + std::string(1500, 'y') + "\r\nSYST\r\n"});
-  EXPECT_EQ(lines, (std::vector<std::string>{std::string(kCmdLineMax - 10, 'y'), "SYST"}));
-  // Far more than the buffer holds without a line end: the head is thrown away.
+TEST(FtpLineBuf, LongLinesAreDiscardedWhole) {
+  const std::string y(kCmdLineMax, 'y');
+  const struct {
+    std::string input;
+    std::vector<std::string> lines;
+  } cases[] = {
+      {y + "\r\n", {y}},  // the longest line that runs
+      {y + "y\r\nSYST\r\n", {"<too long>", "SYST"}},
+      {std::string(10, '\0') + y + "\r\nSYST\r\n", {"<too long>", "SYST"}},  // NULs count
+      {y + y + "\r\nNOOP\r\n", {"<too long>", "NOOP"}},
+      {y + y + "\r", {}},  // the CR that may begin the line end is kept
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(frame({c.input}), c.lines) << c.input.size();
+    std::vector<std::string> pieces;
+    for (size_t at = 0; at < c.input.size(); at += 7) pieces.push_back(c.input.substr(at, 7));
+    EXPECT_EQ(frame(pieces), c.lines) << c.input.size() << " in pieces";
+  }
+  // An unended flood never runs in part: not its tail, not its head.
+  std::string flood(1 << 20, 'x');
+  flood.replace(flood.size() - 100, 4, "NOOP");
+  flood.replace(500000, 6, "\nDELE ");
+  EXPECT_EQ(frame({flood + "\r\nPWD\r\n"}), (std::vector<std::string>{"<too long>", "PWD"}));
+  std::vector<std::string> chunks;
+  for (size_t at = 0; at < flood.size(); at += 4096) chunks.push_back(flood.substr(at, 4096));
+  chunks.push_back("\r\nPWD\r\n");
+  EXPECT_EQ(frame(chunks), (std::vector<std::string>{"<too long>", "PWD"}));
+  // Dropped through the buffer's own limit (the abort poll reads without framing).
   LineBuf w;
   std::string chunk(1000, 'x');
   for (int i = 0; i < 50; i++) w.append(chunk.data(), static_cast<int>(chunk.size()));
   EXPECT_EQ(w.inmax, kInGrowSize);
-  EXPECT_LT(w.unread(), 50000 - kInGrowSize + 10);
   w.append("\r\nNOOP\r\n", 8);
   std::string line;
-  ASSERT_EQ(w.next_line(line), 1);
+  ASSERT_EQ(w.next_line(line), 2);
   ASSERT_EQ(w.next_line(line), 1);
   EXPECT_EQ(line, "NOOP");
+  // Only a line cut by the drop loses its rest; complete lines leave nothing.
+  const struct {
+    const char *before, *after;
+    std::vector<std::string> lines;
+  } drops[] = {
+      {"NOOP\r\nSY", "ST\r\nPWD\r\n", {"<too long>", "PWD"}},
+      {"NOOP\r\n", "SYST\r\n", {"SYST"}},
+      {"NOOP\r", "\nPWD\r\n", {"<too long>", "PWD"}},
+  };
+  for (const auto& d : drops) {
+    LineBuf v;
+    v.append(d.before, static_cast<int>(strlen(d.before)));
+    v.drop_unread();
+    v.append(d.after, static_cast<int>(strlen(d.after)));
+    std::vector<std::string> got;
+    for (int r; (r = v.next_line(line)) != 0;) got.push_back(r == 2 ? "<too long>" : line);
+    EXPECT_EQ(got, d.lines) << d.before;
+  }
 }
 
 // The session side over a loopback pair: `peer_` is the client's end.
