@@ -14,6 +14,7 @@
 #include <string>
 
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -119,13 +120,6 @@ TEST(Facts, OptsMlstSelectsWhatFeatShowsButLinesStayWhole) {
                                              "perm=el;unix.mode=0555;unix.owner=" + any + " virt\r\n"
                                              "226 MLSD complete. \r\n"))) << r;
   EXPECT_EQ(mlsd(c, "MLSD a.txt"), "501 a.txt: No such file or not a directory: Not a directory\r\n");
-}
-
-std::string hash_of(const char* pass) {
-  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
-  crypt_data cd{};
-  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
-  return crypt_rn(pass, salt, &cd, sizeof cd);
 }
 
 // perm and unix.mode for a file and a directory in each kind of area, the

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -23,13 +24,6 @@ namespace fs = std::filesystem;
 
 const std::string kOmauth = KORV_BINARY_DIR "/omauth";
 const char* const kAnonOk = "331 Guest login ok, send your complete e-mail address as password.\r\n";
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 // The fixture's global settings with the module on the users file in the
 // home, then `domains`.
@@ -49,14 +43,6 @@ std::string one_domain(const std::string& classes = "", const std::string& domai
          "\tclass type=\"real\" users=\"*\" name=\"real\" class_name=\"real\"\n"
          "\t\tdir alias=\"/\" path=\"@HOME@/home/$username\" read=\"true\" write=\"true\"\n" +
          classes;
-}
-
-// A SHA-512 crypt hash of `pass`, as the users file and the system keep them.
-std::string hash_of(const char* pass) {
-  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
-  crypt_data cd{};
-  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
-  return crypt_rn(pass, salt, &cd, sizeof cd);
 }
 
 struct Server : KorvServer {

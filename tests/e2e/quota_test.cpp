@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -27,19 +28,6 @@ namespace fs = std::filesystem;
 const std::string kOmauth = KORV_BINARY_DIR "/omauth";
 constexpr long long kDirBytes = 4096;  // what "." and ".." count in a rebuild
 constexpr long long kLimit = 1000000;  // the class's quota_default
-
-std::string slurp(const std::string& path) {
-  std::stringstream ss;
-  ss << std::ifstream(path, std::ios::binary).rdbuf();
-  return ss.str();
-}
-
-std::string hash_of(const char* pass) {
-  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
-  crypt_data cd{};
-  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
-  return crypt_rn(pass, salt, &cd, sizeof cd);
-}
 
 std::string kb(long long n) { return std::to_string(n / 1024) + "k"; }
 

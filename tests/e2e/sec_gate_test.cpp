@@ -25,6 +25,7 @@
 #include "net/tls.h"
 #include "tests/support/ftpctl.h"
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -34,20 +35,6 @@ namespace fs = std::filesystem;
 const std::string kOmauth = KORV_BINARY_DIR "/omauth";
 const char kGreeting[] = "220 Korvane test (Version 0.1.0)\r\n";
 const char kGate[] = "530 User and pass still required\r\n";
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-std::string hash_of(const char* pass) {
-  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
-  crypt_data cd{};
-  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
-  return crypt_rn(pass, salt, &cd, sizeof cd);
-}
 
 // One domain "test" for every address: anonymous users in pub/, module users
 // (the bundled module on users in the home) in home/<name>, with `real_lines`

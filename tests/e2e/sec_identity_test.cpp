@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -27,12 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kOmauth = KORV_BINARY_DIR "/omauth";
-
-std::string slurp(const std::string& path) {
-  std::stringstream ss;
-  ss << std::ifstream(path, std::ios::binary).rdbuf();
-  return ss.str();
-}
 
 // The account sessions fall back to, as the server picks it.
 uid_t unprivileged_uid() {
@@ -42,13 +37,6 @@ uid_t unprivileged_uid() {
 }
 
 bool is_root() { return geteuid() == 0; }
-
-std::string hash_of(const char* pass) {
-  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
-  crypt_data cd{};
-  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
-  return crypt_rn(pass, salt, &cd, sizeof cd);
-}
 
 // One domain: the anonymous class (pub/ read, up/ read and write, then
 // `anon`), a class for every module user with a home under home/, then

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -24,12 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr time_t kFeb3 = 1580702700;  // 2020-02-03 04:05:00 UTC
-
-std::string slurp(const std::string& path) {
-  std::stringstream ss;
-  ss << std::ifstream(path, std::ios::binary).rdbuf();
-  return ss.str();
-}
 
 void replace_all(std::string& s, const std::string& from, const std::string& to) {
   for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) s.replace(at, from.size(), to);
@@ -274,13 +269,6 @@ TEST(SecRules, RestartBeyondTheEndIsRefused) {
   EXPECT_EQ(c.cmd("REST 11"), "350 Restarting at 11.\r\n");
   EXPECT_EQ(run(c, "STOR up/f", &one).last, "226 Transfer complete. up/f\r\n");
   EXPECT_EQ(slurp(s.path("up/f")), "0123456789XX");
-}
-
-std::string hash_of(const char* pass) {
-  char salt[CRYPT_GENSALT_OUTPUT_SIZE] = {};
-  crypt_data cd{};
-  if (crypt_gensalt_rn("$6$", 0, nullptr, 0, salt, sizeof salt) == nullptr) return "";
-  return crypt_rn(pass, salt, &cd, sizeof cd);
 }
 
 // The quota follows the file's end: bytes written over old ones count

@@ -16,6 +16,7 @@
 
 #include "base/str.h"
 #include "tests/support/korv_server.h"
+#include "tests/support/texts.h"
 
 namespace korv::test {
 namespace {
@@ -25,12 +26,6 @@ std::string random_bytes(size_t n, unsigned seed) {
   std::string s(n, '\0');
   for (char& c : s) c = static_cast<char>(gen());
   return s;
-}
-
-std::string slurp(const std::string& path) {
-  std::stringstream ss;
-  ss << std::ifstream(path, std::ios::binary).rdbuf();
-  return ss.str();
 }
 
 // Anonymous sessions: "/" is pub/ (read only), "/up" is up/ (read and write);
