@@ -21,6 +21,7 @@
 
 #include "tests/support/korv_server.h"
 #include "tests/support/texts.h"
+#include "tests/support/xfer.h"
 
 namespace korv::test {
 namespace {
@@ -90,33 +91,6 @@ struct Session : FtpClient {
   }
   std::string login;
 };
-
-struct Xfer {
-  std::string first, data, last;
-};
-
-// `line` over a fresh passive connection, sending `upload` or reading all.
-Xfer run(FtpClient& c, const std::string& line, const std::string* upload = nullptr) {
-  Xfer x;
-  std::string r = c.cmd("PASV");
-  unsigned h1, h2, h3, h4, p1, p2;
-  if (sscanf(r.c_str(), "227 Entering Passive Mode (%u,%u,%u,%u,%u,%u)", &h1, &h2, &h3, &h4, &p1, &p2) != 6) {
-    ADD_FAILURE() << r;
-    return x;
-  }
-  FtpClient d;
-  EXPECT_TRUE(d.connect(static_cast<int>(p1 * 256 + p2)));
-  x.first = c.cmd(line);
-  if (x.first.compare(0, 3, "150") != 0) return x;
-  if (upload) {
-    EXPECT_TRUE(d.send_raw(*upload));
-    d.close();
-  } else {
-    x.data = d.read_raw(20000);
-  }
-  x.last = c.reply(20000);
-  return x;
-}
 
 const std::string kFive = "12345";
 

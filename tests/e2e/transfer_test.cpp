@@ -17,6 +17,7 @@
 #include "base/str.h"
 #include "tests/support/korv_server.h"
 #include "tests/support/texts.h"
+#include "tests/support/xfer.h"
 
 namespace korv::test {
 namespace {
@@ -54,10 +55,6 @@ struct Session : FtpClient {
   }
 };
 
-struct Xfer {
-  std::string first, data, last;
-};
-
 // Opens a passive data connection; -1 on failure.
 std::unique_ptr<FtpClient> pasv(FtpClient& c) {
   std::string r = c.cmd("PASV");
@@ -69,24 +66,6 @@ std::unique_ptr<FtpClient> pasv(FtpClient& c) {
   auto d = std::make_unique<FtpClient>();
   EXPECT_TRUE(d->connect(static_cast<int>(p1 * 256 + p2)));
   return d;
-}
-
-// `line` over a fresh passive connection: sends `upload` (then closes) or
-// reads everything the server sends; the replies before and after.
-Xfer run(FtpClient& c, const std::string& line, const std::string* upload = nullptr) {
-  Xfer x;
-  auto d = pasv(c);
-  if (!d) return x;
-  x.first = c.cmd(line);
-  if (x.first.compare(0, 3, "150") != 0) return x;
-  if (upload) {
-    EXPECT_TRUE(d->send_raw(*upload));
-    d->close();
-  } else {
-    x.data = d->read_raw(60000, size_t{1} << 30);
-  }
-  x.last = c.reply(60000);
-  return x;
 }
 
 TEST(Transfer, SettingReplies) {
