@@ -140,6 +140,11 @@ int cmd_user(LINK* l, char** p, int, const char*) {
 }
 
 int cmd_pass(LINK* l, char** p, int, const char*) {
+  // The claim ends with the command: by then the login is complete or refused.
+  struct ClaimEnd {
+    LINK* l;
+    ~ClaimEnd() { l->login_claim = 0; }
+  } claim_end{l};
   const char* pass = p[1];
   std::string msg;  // the account's notice, carried to the end of the login
   std::string result;
@@ -245,6 +250,9 @@ int cmd_pass(LINK* l, char** p, int, const char*) {
            l->user.c_str(), n, limit_users, msg.c_str());
       return 1;
     }
+    // This login counts for the user before it is checked, so that two
+    // parallel logins cannot both pass the limit; in a tie both may be refused.
+    l->login_claim = 1;
     static const SessionLimit limits[] = {
         {INI_LIMIT_CON_PERIP, link_sameip, "LIMIT_CON_PERIP"},
         {INI_LIMIT_PERUSER, link_sameuser, "LIMIT_PERUSER"},

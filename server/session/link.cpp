@@ -129,7 +129,8 @@ int link_sameip(Link* l) {
 // nothing of the user's.
 int link_sameuser(Link* l) {
     return link_count_same(l, [l](Link* x) {
-        return x->needauth.load() == 0 && strcasecmp(x->user.c_str(), l->user.c_str()) == 0;
+        return (x->needauth.load() == 0 || x->login_claim.load() != 0) &&
+               strcasecmp(x->user.c_str(), l->user.c_str()) == 0;
     });
 }
 

@@ -48,6 +48,7 @@ struct LINK : INILINK {
     int hide = 0;
     int done_abort = 0;
     std::atomic<int> needauth{1};   // closed until a login completes (others count logins by it)
+    std::atomic<int> login_claim{0};  // a login past the user check, not yet complete: counts as one
     std::atomic<int> closing{0};    // end the session at the next check
     int cur_umask = 022;
     int onlyepsv = 0;

@@ -236,6 +236,29 @@ TEST(SecGate, PerUserLimitCountsLoginsOnly) {
   EXPECT_EQ(c.cmd("PASS Right-1"), "530 Login denied - already 3/2 users connected sorry, setting LIMIT_PERUSER.\r\n");
 }
 
+// Logins sent together cannot all pass the limit between each other's check
+// and completion. A quota count rebuilt over many files at each login holds
+// them in that gap long enough for the race to show.
+TEST(SecGate, ParallelLoginsMeetThePerUserLimit) {
+  Server s(config("", "\t\tlimit_peruser \"1\"\n\t\tquota_default \"1000000000\"\n"));
+  for (int i = 0; i < 4000; i++) std::ofstream(s.path("home/bob/f" + std::to_string(i))) << "x";
+  ASSERT_TRUE(s.start());
+  constexpr int kSessions = 12;
+  std::vector<std::unique_ptr<FtpClient>> cs;
+  for (int i = 0; i < kSessions; i++) {
+    cs.push_back(std::make_unique<FtpClient>());
+    open(*cs.back(), s);
+    ASSERT_EQ(cs.back()->cmd("USER bob"), "331 Password required for bob.\r\n");
+  }
+  for (auto& c : cs) ASSERT_TRUE(c->send_line("PASS Right-1"));
+  int in = 0;
+  for (auto& c : cs) {
+    std::string r = c->reply(30000);
+    if (r.compare(0, 4, "230 ") == 0 || r.compare(0, 4, "230-") == 0) in++;
+  }
+  EXPECT_LE(in, 1);
+}
+
 TEST(SecGate, ParallelFailuresMeetTheThrottle) {
   Server s;
   ASSERT_TRUE(s.start());
