@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "base/fmt.h"
+#include "net/ssltcp.h"
 
 extern char** environ;
 
@@ -141,6 +142,7 @@ int osspawn_raw(char** args, const char* quoted_cmd, char** env, std::string* re
             int* p;
             const char* word;
         } pipes[] = {{in, "read"}, {out, "write"}, {err, "error"}};
+        ssltcp_ignore_sigpipe();
         for (const Pipe& p : pipes) {
             if (::pipe2(p.p, O_CLOEXEC) != 0) {
                 set_reason(reason, strfmt("OSSpawn: %s: making %s pipe error: %s", cmd, p.word,

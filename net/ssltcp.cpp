@@ -292,12 +292,7 @@ int SSLTcp_init() {
         // Pooled threads free their random generators before they end, not in a
         // race with the process's exit.
         th_set_end_hook([] { OPENSSL_thread_stop(); });
-        // A write to a closed peer must come back as an error (EPIPE), not end the process.
-        // Children get the default back before they run their program.
-        struct sigaction sa{};
-        sa.sa_handler = SIG_IGN;
-        sigemptyset(&sa.sa_mask);
-        sigaction(SIGPIPE, &sa, nullptr);
+        ssltcp_ignore_sigpipe();
         struct {
             double t;
             pid_t pid;
@@ -306,6 +301,19 @@ int SSLTcp_init() {
         seed_bytes(&seed, sizeof seed);
     });
     return 1;
+}
+
+void ssltcp_ignore_sigpipe() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // A write to a closed peer (a socket, or the pipe of a module that has
+        // gone) must come back as an error (EPIPE), not end the process.
+        // Children get the default back before they run their program.
+        struct sigaction sa{};
+        sa.sa_handler = SIG_IGN;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGPIPE, &sa, nullptr);
+    });
 }
 
 void SSLTcp_cleanup() {

@@ -60,6 +60,9 @@ void ssltcp_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Library set-up (once; later calls do nothing) and its counterpart. Any first use of a socket
 // sets up the library on its own.
 int SSLTcp_init();
+// Makes writes to a closed peer fail with EPIPE instead of raising SIGPIPE
+// (once; SSLTcp_init and the spawning of children with pipes call it).
+void ssltcp_ignore_sigpipe();
 void SSLTcp_cleanup();
 
 // Records an error on `x`: its source word, code and the line of the recording site.
