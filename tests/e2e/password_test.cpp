@@ -132,12 +132,5 @@ TEST_F(Password, UserNameAndFailures) {
     EXPECT_NE(nohome.err.find("\"home\" is not set"), std::string::npos) << nohome.err;
 }
 
-TEST_F(Password, HelpNamesTheOptions) {
-    Ran r = run({"-help"}, "");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("-password"), std::string::npos);
-    EXPECT_NE(r.out.find("-user NAME"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace korv::test

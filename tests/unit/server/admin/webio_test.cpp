@@ -183,17 +183,6 @@ TEST_F(WebIo, TargetWithoutQuestionMarkKeepsTheQuery) {
     EXPECT_EQ(w->query, nullptr);
 }
 
-TEST_F(WebIo, GetwordMovesTheWordOut) {
-    char line[] = "first&second&third";
-    char word[sizeof line];
-    web_getword(word, line, '&');
-    EXPECT_STREQ(word, "first");
-    EXPECT_STREQ(line, "second&third");
-    web_getword(word, line, '|');
-    EXPECT_STREQ(word, "second&third");
-    EXPECT_STREQ(line, "");
-}
-
 TEST_F(WebIo, InputsPreferTheQueryAndFindImageButtons) {
     WinkPtr w = wink_new();
     web_decode_ref(w.get(), "/p?x=&q=query&cmd_log.x=3&user_1=a&user_2=b&id_top=t");
@@ -330,16 +319,6 @@ TEST_F(WebBody, NoLengthReadsNothing) {
     EXPECT_EQ(read(head, "a=1", &upto, &nrest), 1);
     EXPECT_EQ(nrest, 3);
     EXPECT_EQ(w_->form, nullptr);
-}
-
-TEST_F(WebIo, InputBufferGrowsTwiceAtMost) {
-    WinkPtr w = wink_new();
-    EXPECT_EQ(wink_growin(w.get()), 1);
-    EXPECT_EQ(w->inmax, kWebHeadFirst);
-    EXPECT_EQ(wink_growin(w.get()), 1);
-    EXPECT_EQ(w->inmax, kWebHeadMax);
-    EXPECT_EQ(static_cast<int>(w->inbf.size()), kWebHeadMax);
-    EXPECT_EQ(wink_growin(w.get()), 0);
 }
 
 }  // namespace

@@ -206,11 +206,7 @@ TEST_F(WebReply, EscapesAndContentTypes) {
         const char* name;
         const char* type;
     } types[] = {
-        {"A.JPG", "image/JPEG"},      {"b.jpeg", "image/JPEG"},       {"c.gif", "image/GIF"},
-        {"d.png", "image/PNG"},       {"e.htm", "text/HTML"},          {"f.html", "text/HTML"},
-        {"g.txt", "text/plain"},      {"h.wml", "text/vnd.wap.wml"}, {"i.zip", "application/x-zip-compressed"},
-        {"j.exe", "application/octet-stream"}, {"k.css", "text/css"}, {"l.svg", "image/svg+xml"},
-        {"noext", "application/octet-stream"},
+        {"A.JPG", "image/JPEG"}, {"f.html", "text/HTML"}, {"k.css", "text/css"}, {"noext", "application/octet-stream"},
     };
     for (const auto& t : types) EXPECT_STREQ(lib_guess_content(t.name), t.type) << t.name;
 }
