@@ -172,6 +172,19 @@ TEST_F(WebIo, QueryAndFormDecoding) {
     }
 }
 
+// A body of many tiny items must not cost without bound before any login.
+TEST_F(WebIo, ItemsPastTenThousandAreDropped) {
+    std::string body;
+    for (int i = 0; i < 10005; ++i) body += "f" + std::to_string(i) + "=1&";
+    WinkPtr w = wink_new();
+    web_decode_content(w.get(), body.c_str());
+    int n = 0;
+    for (const Pair* p = w->form.get(); p != nullptr; p = p->next.get()) ++n;
+    EXPECT_EQ(n, 10000);
+    EXPECT_EQ(web_input(w.get(), "f9999"), "1");
+    EXPECT_EQ(web_input(w.get(), "f10000"), "");
+}
+
 TEST_F(WebIo, TargetWithoutQuestionMarkKeepsTheQuery) {
     WinkPtr w = wink_new();
     web_decode_ref(w.get(), "/a?x=1");
