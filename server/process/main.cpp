@@ -1,4 +1,19 @@
-// The korvane program: everything happens in korv_main.
+// The korvane program: everything happens in korv_main, except writing the
+// built-in admin pages out, which needs no configuration.
+#include <cstdio>
+#include <cstring>
+
+#include "server/admin/webfiles.h"
 #include "server/process/korv.h"
 
-int main(int argc, char** argv) { return korv::korv_main(argc, argv); }
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "-output_web_files") != 0) continue;
+        if (i + 1 >= argc) {
+            std::fprintf(stderr, "korvane: option -output_web_files needs a value\n");
+            return 2;
+        }
+        return korv::output_web_files(argv[i + 1]) ? 0 : 1;
+    }
+    return korv::korv_main(argc, argv);
+}
