@@ -41,11 +41,10 @@ struct FileClose {
     void operator()(FILE* f) const { std::fclose(f); }
 };
 
-// The folder a location names ("web") may not exist in a fresh directory.
-void make_parent(const std::string& path) {
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos || slash == 0) return;
-    ::mkdir(path.substr(0, slash).c_str(), 0755);
+// The folders of a fresh install directory do not exist yet.
+void make_parents(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
+        ::mkdir(path.substr(0, slash).c_str(), 0755);
 }
 
 }  // namespace
@@ -67,7 +66,7 @@ int output_web_file_from_table(const char* dir, const char* plusfilepath, const 
         std::printf("cannot output to file, (%s) %s\n", path.c_str(), "the page was not built into this program");
         return 0;
     }
-    make_parent(path);
+    make_parents(path);
     std::unique_ptr<FILE, FileClose> f(std::fopen(path.c_str(), "w"));
     if (!f) {
         std::printf("cannot output to file, (%s) %s\n", path.c_str(), strerror(errno));
