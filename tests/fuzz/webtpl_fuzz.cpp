@@ -19,16 +19,6 @@
 #include "net/tcp.h"
 #include "server/admin/webtpl.h"
 
-namespace korv {
-
-// The variable list's destructor lives with the HTTP layer's unit; this weak
-// stand-in keeps the target linking while that unit is absent.
-__attribute__((weak)) VLIST::~VLIST() {
-    for (VlistPtr p = std::move(next); p;) p = std::move(p->next);
-}
-
-}  // namespace korv
-
 namespace {
 
 using namespace korv;

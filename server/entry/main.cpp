@@ -1,10 +1,13 @@
-// The korvane program: everything happens in korv_main, except writing the
-// built-in admin pages out, which needs no configuration.
+// The korvane program: installs what the upper layers give the process layer
+// (the admin.dat writer of the web administration), then korv_main does the
+// rest; writing the built-in admin pages out needs no configuration.
 #include <cstdio>
 #include <cstring>
 
 #include "server/admin/webfiles.h"
+#include "server/admin/webio.h"
 #include "server/process/korv.h"
+#include "server/process/password.h"
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -15,5 +18,6 @@ int main(int argc, char** argv) {
         }
         return korv::output_web_files(argv[i + 1]) ? 0 : 1;
     }
+    korv::korv_set_admin_dat_writer(korv::admin_dat_write);
     return korv::korv_main(argc, argv);
 }
