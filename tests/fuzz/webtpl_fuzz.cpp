@@ -121,7 +121,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
     // A page that includes itself twice doubles per level: the depth bound
     // keeps that finite, not fast.
-    bool as_file = (data[0] & 1) && text.find("fuzz.htm") == std::string::npos;
+    bool mentions_self = text.find("fuzz.htm") != std::string::npos;
+    bool as_file = (data[0] & 1) && !mentions_self;
     for (char& ch : text)
         if (ch == 0) ch = ' ';
 
@@ -151,6 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::unique_lock<std::mutex> g(mx);
     cv.wait(g, [] { return seen_end; });
-    if (text.find('<') == std::string::npos) check(!seen_lt, "a value was not escaped");
+    // fuzz.htm holds an earlier input, which may have any '<'.
+    if (text.find('<') == std::string::npos && !mentions_self) check(!seen_lt, "a value was not escaped");
     return 0;
 }
