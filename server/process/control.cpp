@@ -75,6 +75,7 @@ const OptionHelp kOptionHelp[] = {
     {"-password", "set the web administration's password (admin.dat in the home of the"},
     {"", "configuration): asked twice on a terminal, else the first line of standard input"},
     {"-user NAME", "with -password: the admin user name (default admin)"},
+    {"-output_web_files DIR", "write the main admin pages into DIR/web and exit"},
     {"-addsvc", "accepted; no effect on this system"},
     {"-restart", "accepted; no effect"},
     {"-help, --help, -h", "print this text and exit"},
