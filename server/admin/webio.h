@@ -12,7 +12,8 @@
 
 namespace korv {
 
-struct Chan;
+struct chan;
+using Chan = chan;
 struct LINK;
 
 // Bounds a user or a file can see, kept exactly.
