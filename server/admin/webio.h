@@ -13,7 +13,7 @@
 namespace korv {
 
 struct chan;
-using Chan = chan;
+using Chan = chan;  // as net/tcp.h names it
 struct LINK;
 
 // Bounds a user or a file can see, kept exactly.
