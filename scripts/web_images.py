@@ -99,11 +99,12 @@ def help_icon():
 
 
 def search_button():
-    """A magnifier and the word SEARCH on a rounded button, 192x48 (shown at 96x24)."""
-    w, h, scale = 192, 48, 3
+    """A magnifier and the word SEARCH on a rounded button, 256x64 (shown at 128x32)."""
+    w, h, scale = 256, 64, 4
+    k = h / 48  # the magnifier is drawn on a 48-pixel grid
     text = "SEARCH"
     text_w = len(text) * 5 * scale + (len(text) - 1) * scale
-    left = 50 + (w - 50 - 12 - text_w) / 2
+    left = 50 * k + (w - 50 * k - 12 * k - text_w) / 2
     top = (h - 7 * scale) / 2
 
     def letters(x, y):
@@ -114,9 +115,10 @@ def search_button():
         return idx < len(text) and off < 5 and GLYPHS[text[idx]][row][off] == "#"
 
     def magnifier(x, y):
+        x, y = x / k, y / k
         return abs(math.hypot(x - 24, y - 21) - 9) <= 2.2 or capsule(x, y, 31, 28, 38, 35, 2.6) <= 0
 
-    return render(w, h, [(ACCENT, lambda x, y: rounded_rect(x, y, w, h, 8) <= 0), (WHITE, magnifier), (WHITE, letters)])
+    return render(w, h, [(ACCENT, lambda x, y: rounded_rect(x, y, w, h, 8 * k) <= 0), (WHITE, magnifier), (WHITE, letters)])
 
 
 def main():
