@@ -14,6 +14,7 @@
 
 #include "common/mutex.h"
 #include "server/session/link.h"
+#include "server/settings/ini.h"
 
 namespace korv {
 namespace {
@@ -89,6 +90,10 @@ TEST_F(TailTest, LongFileReadsOnlyItsEndAndKeepsTheBound) {
 
 TEST(AdminStatus, ThousandSessionsOneRowEachEscaped) {
     mutex_init();
+    const std::string ini = "/tmp/admin_status_" + std::to_string(getpid()) + ".ini";
+    std::ofstream(ini) << "global_settings\n home \"/tmp\"\nvdomain address=\"\" name=\"a\"\n";
+    ASSERT_EQ(ini_read("korvane", ini.c_str()), 1);
+    std::remove(ini.c_str());
     constexpr int kSessions = 1000;
     std::vector<Link*> links;
     for (int i = 0; i < kSessions; ++i) {
@@ -114,6 +119,7 @@ TEST(AdminStatus, ThousandSessionsOneRowEachEscaped) {
     EXPECT_NE(html.find("a&amp;b"), std::string::npos);
     for (Link*& l : links) link_free(&l);
     EXPECT_NE(mgr_status_html().find("No connections."), std::string::npos);
+    ini_free_all();
 }
 
 }  // namespace
