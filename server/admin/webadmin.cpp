@@ -38,6 +38,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+std::atomic<int> head_limit_ms{kAdminHeadLimitMs};
+
 constexpr char kSecurityHeaders[] =
     "X-Frame-Options: DENY\r\n"
     "Content-Security-Policy: frame-ancestors 'none'\r\n"
@@ -233,6 +235,8 @@ bool admin_ip_allowed(const LINK* l) {
 }  // namespace
 
 const char* admin_security_headers() { return kSecurityHeaders; }
+
+void mgr_set_head_limit_ms(int ms) { head_limit_ms.store(ms); }
 
 // ---------------------------------------------------------------- pages
 
@@ -460,7 +464,8 @@ int mgr_main(void* x) {
 
     // Each read waits a second at most; the head as a whole gets
     // kAdminHeadLimitMs, and no more than the input buffer holds.
-    const auto head_deadline = Clock::now() + std::chrono::milliseconds(kAdminHeadLimitMs);
+    const int limit_ms = head_limit_ms.load();
+    const auto head_deadline = Clock::now() + std::chrono::milliseconds(limit_ms);
     while (!l->closing.load() && !shutdown_now.load()) {
         int n = read_step(w.get(), c);
         if (n == -2) {
@@ -470,7 +475,7 @@ int mgr_main(void* x) {
         if (n < 0) break;
         if (n > 0 && !mgr_process(w.get())) break;
         if (!l->closing.load() && Clock::now() >= head_deadline) {
-            imsg("mgr: no complete request from %s in %d ms, closing\n", l->ipname.c_str(), kAdminHeadLimitMs);
+            imsg("mgr: no complete request from %s in %d ms, closing\n", l->ipname.c_str(), limit_ms);
             break;
         }
     }

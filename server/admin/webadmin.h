@@ -23,6 +23,9 @@ inline constexpr int kAdminHeadLimitMs = 30000;  // a head not complete by then 
 inline constexpr int kAdminCmdMax = 999;         // the cmd query value is cut here
 inline constexpr int kAdminIpMax = 100;          // ipnum is copied with this bound
 
+// The head limit, normally kAdminHeadLimitMs; tests shorten it.
+void mgr_set_head_limit_ms(int ms);
+
 // Set once the page-level generators are registered.
 extern std::atomic<int> added_web_callbacks;
 // The list callbacks of the pages, by file and list id.

@@ -8,11 +8,14 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
+#include <thread>
 #include <cstdio>
 #include <fstream>
 #include <vector>
 
 #include "common/mutex.h"
+#include "tests/support/chanpair.h"
 #include "server/session/link.h"
 #include "server/settings/ini.h"
 
@@ -120,6 +123,62 @@ TEST(AdminStatus, ThousandSessionsOneRowEachEscaped) {
     for (Link*& l : links) link_free(&l);
     EXPECT_NE(mgr_status_html().find("No connections."), std::string::npos);
     ini_free_all();
+}
+
+// mgr_main on the server end of a loopback pair, the client end left to the
+// test; ends the thread and frees the record when it goes.
+class AdminConnTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mutex_init();
+        ini_ = "/tmp/admin_conn_" + std::to_string(getpid()) + ".ini";
+        std::ofstream(ini_) << "global_settings\n home \"/tmp\"\nvdomain address=\"\" name=\"a\"\n";
+        ASSERT_EQ(ini_read("korvane", ini_.c_str()), 1);
+        ChanPtr server;
+        ASSERT_TRUE(test::make_chan_pair(client_, server));
+        ASSERT_EQ(link_new(&l_), 1);
+        l_->c = std::move(server);
+        done_ = std::async(std::launch::async, [this] { return mgr_main(l_); });
+    }
+    void TearDown() override {
+        client_.reset();
+        if (done_.valid()) done_.wait();
+        link_free(&l_);
+        mgr_set_head_limit_ms(kAdminHeadLimitMs);
+        ini_free_all();
+        std::remove(ini_.c_str());
+    }
+    // True once the connection's routine has ended on its own (bounded, for a
+    // hung thread); its record, and so the socket, is freed after it.
+    bool closed_within(int ms) {
+        return done_.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready && done_.get() == 1;
+    }
+    std::string ini_;
+    ChanPtr client_;
+    Link* l_ = nullptr;
+    std::future<int> done_;
+};
+
+TEST_F(AdminConnTest, SlowHeadEndsAtTheLimit) {
+    mgr_set_head_limit_ms(300);
+    // A byte every 50 ms keeps every single read within its second.
+    const std::string slow = "GET /?cmd=status HTTP/1.0\r\nX-Pad: aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+    size_t sent = 0;
+    for (; sent < slow.size() && done_.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready; ++sent)
+        tcp_write(client_.get(), &slow[sent], 1);
+    EXPECT_LT(sent, slow.size()) << "the connection outlived its head limit";
+    EXPECT_TRUE(closed_within(10000));
+}
+
+TEST_F(AdminConnTest, HeadLargerThanTheBufferIsClosed) {
+    std::string big = "GET /?x=" + std::string(kWebHeadMax + 1000, 'a');
+    // The server stops reading once full; what the kernel will not take is dropped.
+    for (size_t at = 0; at < big.size();) {
+        int n = tcp_write_timed(client_.get(), big.data() + at, static_cast<int>(big.size() - at), 2000);
+        if (n <= 0) break;
+        at += static_cast<size_t>(n);
+    }
+    EXPECT_TRUE(closed_within(10000));
 }
 
 }  // namespace
