@@ -146,6 +146,13 @@ TEST(Admin, PagesHeadsFilesAndControl) {
         EXPECT_TRUE(has(r, p.marker)) << p.cmd << "\n" << r;
         EXPECT_TRUE(has(r, "</html>")) << p.cmd << " ends whole\n" << r;
     }
+    // Text from the request comes back as text, never as markup.
+    for (const char* target : {"/?domain_name_prefix=%3Cscript%3Ealert(1)%3C/script%3E",
+                               "/cgi/korvanemgr.cgi?cmd=user_admin&user=%3Cscript%3Ealert(1)%3C/script%3E",
+                               "/cgi/korvanemgr.cgi?cmd=log&lines=%3Cscript%3E"}) {
+        r = s.get(target);
+        EXPECT_FALSE(has(r, "<script>")) << target << "\n" << r;
+    }
     r = s.get("/help/index.htm");
     EXPECT_TRUE(has(r, "The manual is not part")) << r;
 
