@@ -206,6 +206,16 @@ TEST(Admin, AddressGateLetsOnlyListedClientsAndLocalhost) {
     EXPECT_TRUE(has(r, "<title>Korvane - Domains</title>")) << r;
 }
 
+// The fault-provoking commands act under -debug only (without it they are an
+// ordinary page, see above); the harmless allocator check shows that they run.
+TEST(Admin, DiagnosticCommandsActUnderDebug) {
+    AdminServer s(KorvServer::basic_config());
+    ASSERT_TRUE(s.start({"-debug"}));
+    std::string r = s.get("/cgi/korvanemgr.cgi?cmd=dmalloc");
+    EXPECT_TRUE(has(r, "Diagnostic command dmalloc run.")) << r;
+    EXPECT_TRUE(s.wait_log("Web diagnostic command dmalloc"));
+}
+
 // The back-off and the guess lock are process-wide: a server of their own.
 TEST(Admin, BackoffAfterThirdFailureThenLockAfterThirtyOneGuesses) {
     AdminServer s(KorvServer::basic_config());

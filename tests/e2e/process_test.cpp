@@ -1,6 +1,6 @@
 // The server process end to end: the main log's line format, the ways of
 // stopping it, reloading and restarting it, the crash copy of an unclean
-// end, and the placeholder page of the admin ports.
+// end, and the admin ports answering beside FTP.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
