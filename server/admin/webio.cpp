@@ -21,11 +21,13 @@ namespace korv {
 namespace {
 
 constexpr int kWebHostMax = 999;          // host part of Host:
-constexpr int kWebModifiedMax = 200;      // If-Modified-Since text
 constexpr int kWebOriginMax = 1000;       // Origin and Referer kept for the same-origin check
 constexpr int kWebBodyChunk = 8192;       // each read of a body
 constexpr int kWebBodyWhole = 8500;       // a remainder up to this is read at once
 constexpr int kFormLogMax = 100;
+// Items kept from one query or form: far above any page's fields, and a bound
+// on what a body of 30000000 bytes of tiny items can cost before any login.
+constexpr int kWebItemsMax = 10000;
 
 // Does `line` start with `prefix`, case ignored?
 bool starts_nc(std::string_view line, std::string_view prefix) {
@@ -71,8 +73,8 @@ bool origin_parts(std::string_view url, std::string& host, int& port, int& schem
     size_t sep = url.find("://");
     if (sep == std::string_view::npos) return false;
     std::string_view scheme = url.substr(0, sep);
-    if (strncasecmp(scheme.data(), "https", 5) == 0 && scheme.size() == 5) scheme_port = 443;
-    else if (strncasecmp(scheme.data(), "http", 4) == 0 && scheme.size() == 4) scheme_port = 80;
+    if (scheme.size() == 5 && strncasecmp(scheme.data(), "https", 5) == 0) scheme_port = 443;
+    else if (scheme.size() == 4 && strncasecmp(scheme.data(), "http", 4) == 0) scheme_port = 80;
     else return false;
     std::string_view rest = url.substr(sep + 3);
     rest = rest.substr(0, rest.find_first_of("/?#"));
@@ -90,7 +92,12 @@ bool origin_parts(std::string_view url, std::string& host, int& port, int& schem
 // are bounded; form values are not.
 void decode_items(PairPtr& list, std::string_view text, bool is_query) {
     size_t at = 0;
+    int kept = 0;
     while (at <= text.size()) {
+        if (kept == kWebItemsMax) {
+            emsg("Request items past %d dropped\n", kWebItemsMax);
+            break;
+        }
         size_t amp = text.find('&', at);
         if (amp == std::string_view::npos) amp = text.size();
         std::string item(text.substr(at, amp - at));
@@ -105,6 +112,7 @@ void decode_items(PairPtr& list, std::string_view text, bool is_query) {
         if (name.size() > static_cast<size_t>(kWebQueryNameMax)) continue;
         if (is_query && value.size() > static_cast<size_t>(kWebQueryValueMax)) continue;
         pair_add(list, name, value, 1);
+        ++kept;
     }
 }
 
