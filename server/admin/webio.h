@@ -13,7 +13,7 @@
 namespace korv {
 
 struct chan;
-using Chan = chan;  // as net/tcp.h names it
+using Chan = chan;
 struct LINK;
 
 // Bounds a user or a file can see, kept exactly.

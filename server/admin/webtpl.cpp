@@ -265,11 +265,13 @@ int web_show_linex(WINK* l, std::string_view piece, const WEB_CB_MAPPINGS* mappi
 }
 
 void web_callback_add(const char* name, WebPageFn fn) {
+    if (name == nullptr || fn == nullptr) return;
     std::lock_guard<std::mutex> g(cb_mx);
     cblist.push_back(Generator{name, fn});
 }
 
 int web_callback_remove(const char* name) {
+    if (name == nullptr) return 0;
     std::lock_guard<std::mutex> g(cb_mx);
     for (auto it = cblist.rbegin(); it != cblist.rend(); ++it) {
         if (same_name(it->name, name)) {

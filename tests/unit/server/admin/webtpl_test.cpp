@@ -18,12 +18,6 @@
 
 namespace korv {
 
-// The variable list's destructor belongs to the HTTP layer's unit; this weak
-// stand-in lets the engine be tested before that unit is in the tree.
-__attribute__((weak)) VLIST::~VLIST() {
-    for (VlistPtr p = std::move(next); p;) p = std::move(p->next);
-}
-
 namespace {
 
 using test::TempDir;
