@@ -12,7 +12,8 @@
 
 namespace korv {
 
-struct Chan;
+struct chan;
+using Chan = chan;  // as net/tcp.h names it
 struct LINK;
 
 // Bounds a user or a file can see, kept exactly.

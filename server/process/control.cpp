@@ -73,6 +73,7 @@ const OptionHelp kOptionHelp[] = {
     {"-install", "not in this build: use the installer of this distribution"},
     {"-uninstall", "not in this build: use the installer of this distribution"},
     {"-password", "not in this build: use the installer of this distribution"},
+    {"-output_web_files DIR", "write the main admin pages into DIR/web and exit"},
     {"-addsvc", "accepted; no effect on this system"},
     {"-restart", "accepted; no effect"},
     {"-help, --help, -h", "print this text and exit"},

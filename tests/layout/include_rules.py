@@ -2,9 +2,9 @@
 """Checks every #include "..." of the tree against the table of who may
 include whom in ARCHITECTURE.md (the section "Who may include whom").
 
-Each row names a folder and the folders its files may include besides their
-own; "*" allows everything. A file belongs to the longest folder of the table
-that holds it; a source file in no folder of the table, or an include of a
+Each row names a folder (or one file) and the folders its files may include
+besides their own; "*" allows everything. A file belongs to the longest folder
+or file of the table that holds it; a source file in no folder of the table, or an include of a
 folder the row does not allow, fails with its file and line.
 
     include_rules.py SOURCE_ROOT
@@ -15,7 +15,7 @@ import sys
 
 SOURCES = (".h", ".cpp")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
-ROW = re.compile(r"^\|\s*`([^`]+/)`\s*\|(.*)\|\s*$")
+ROW = re.compile(r"^\|\s*`([^`]+)`\s*\|(.*)\|\s*$")
 
 
 def read_table(root):
