@@ -105,6 +105,9 @@ int web_pressed(const WINK* l, std::string_view s);
 int web_same_origin(const WINK* l);
 // Writes the 403 refusal of a cross-site request. 1, or 0 if a write failed.
 int web_forbidden(WINK* l);
+// 0 for a form value that may not be stored: one holding a double quote, a
+// CR, a LF or a NUL; else 1.
+int web_value_safe(std::string_view v);
 
 // Responses. Each head carries the security headers after the listed ones.
 void web_add_header(WINK* l, std::string_view header, std::string_view value);

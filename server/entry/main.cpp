@@ -1,12 +1,14 @@
 // The korvane program: installs what the upper layers give the process layer
-// (the admin connections' routine), then everything happens in korv_main,
+// (the admin connections' routine, the admin.dat writer), then everything happens in korv_main,
 // except writing the built-in admin pages out, which needs no configuration.
 #include <cstdio>
 #include <cstring>
 
 #include "server/admin/webadmin.h"
 #include "server/admin/webfiles.h"
+#include "server/admin/webio.h"
 #include "server/process/korv.h"
+#include "server/process/password.h"
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -18,5 +20,6 @@ int main(int argc, char** argv) {
         return korv::output_web_files(argv[i + 1]) ? 0 : 1;
     }
     korv::korv_set_admin_handler(korv::mgr_main);
+    korv::korv_set_admin_dat_writer(korv::admin_dat_write);
     return korv::korv_main(argc, argv);
 }

@@ -72,7 +72,9 @@ const OptionHelp kOptionHelp[] = {
     {"-version", "print the version and exit"},
     {"-install", "not in this build: use the installer of this distribution"},
     {"-uninstall", "not in this build: use the installer of this distribution"},
-    {"-password", "not in this build: use the installer of this distribution"},
+    {"-password", "set the web administration's password (admin.dat in the home of the"},
+    {"", "configuration): asked twice on a terminal, else the first line of standard input"},
+    {"-user NAME", "with -password: the admin user name (default admin)"},
     {"-output_web_files DIR", "write the main admin pages into DIR/web and exit"},
     {"-addsvc", "accepted; no effect on this system"},
     {"-restart", "accepted; no effect"},
@@ -99,7 +101,7 @@ void korv_parse_args(int argc, char** argv, KorvOptions& o) {
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
-        static const char* const kWithValue[] = {"-port", "-monitor", "-smtp", "-manager", "-ip_to_scan", "-config"};
+        static const char* const kWithValue[] = {"-port", "-monitor", "-smtp", "-manager", "-ip_to_scan", "-config", "-user"};
         for (const char* w : kWithValue) {
             if (a == w && next == nullptr) {
                 wrong("option " + a + " needs a value");
@@ -120,7 +122,12 @@ void korv_parse_args(int argc, char** argv, KorvOptions& o) {
             printf("Large file > 2gig support is compiled in\n");
             o.leave = 1;
             return;
-        } else if (a == "-install" || a == "-uninstall" || a == "-password") {
+        } else if (a == "-password") {
+            // Acted on once the whole line is read: -config may follow.
+            o.password = 1;
+        } else if (a == "-user") {
+            o.admin_user = next, ++i;
+        } else if (a == "-install" || a == "-uninstall") {
             printf("%s: use the installer of this distribution\n", a.c_str());
             o.leave = 1;
             return;

@@ -23,6 +23,8 @@ struct KORV_OPTIONS {
     int nodetach = 0;
     int stopit = 0;
     std::string config;  // -config FILE; empty means /etc/korvane.ini
+    int password = 0;        // -password: set the admin password and leave
+    std::string admin_user;  // -user NAME: whose password; empty means "admin"
     int leave = 0;       // an option did its work, or the line was wrong: main returns at once
     int status = 0;      // what main returns then: 0, or 2 for a wrong command line
 };

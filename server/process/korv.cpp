@@ -29,6 +29,7 @@
 #include "server/ftp/session.h"
 #include "server/process/control.h"
 #include "server/process/idle.h"
+#include "server/process/password.h"
 #include "server/process/starter.h"
 #include "server/session/link.h"
 #include "server/session/threadlist.h"
@@ -640,6 +641,7 @@ int korv_main(int argc, char** argv) {
     mutex_set_crash_hook(mex_crash_shutdown);
     mutex_set_main_status_hook(korv_main_status);
     ini_set_dir_sources(korv_home, korv_log_home);
+    if (korv_opts.password) return korv_password(korv_opts);
     korv_raise_fd_limit();
 #if defined(__SANITIZE_ADDRESS__)
     th_set_stack_size(kSessionStackBytes * 8);  // the sanitizers' redzones need room
