@@ -122,8 +122,11 @@ class AdminInBrowser(unittest.TestCase):
             text = self.assertReadable("status")
             self.assertIn(FTP_USER, text)
             p.shoot("status")
-            p.shoot("status_phone", phone=True)
-            self.assertIn(FTP_USER, p.text(), "the phone's width shows the same page")
+            self.assertTrue(p.nav_beside_content(), "a side bar on a wide screen")
+            with p.phone():
+                p.shoot("status_phone")
+                self.assertFalse(p.nav_beside_content(), "the sections wrap above the page on a phone")
+                self.assertIn(FTP_USER, p.text(), "the phone's width shows the same page")
 
     def test_b_log_page_shows_the_logins(self):
         with ftp_login(FTP_USER, FTP_PASSWORD):
@@ -219,10 +222,12 @@ class AdminInBrowser(unittest.TestCase):
         self.assertReadable("class")
         self.assertEqual(p.field("Class name").get_attribute("value"), "Real users")
         p.shoot("class")
-        p.shoot("class_phone", phone=True)
+        with p.phone():
+            p.shoot("class_phone")
 
-    def test_h_mirrors_reports_manual(self):
-        for query, heading in (("cmd=mirrors", "Mirrors"), ("cmd=report_file", "Reports"), ("cmd=help", "Manual")):
+    def test_h_graph_mirrors_reports_manual(self):
+        for query, heading in (("cmd=graph", "Graph"), ("cmd=mirrors", "Mirrors"), ("cmd=report_file", "Reports"),
+                               ("cmd=help", "Manual")):
             with self.subTest(query):
                 p = self.person
                 p.open(query)

@@ -4,6 +4,7 @@ buttons by their words, and saves screenshots. Nothing here reads the HTML
 source for an answer a person could not see.
 """
 import base64
+import contextlib
 import os
 import shutil
 
@@ -133,25 +134,36 @@ class Person:
         return self.driver.execute_script(
             "return Array.from(document.images).filter(i => !i.complete || i.naturalWidth === 0).map(i => i.src)")
 
-    # --- screenshots --------------------------------------------------------
+    def nav_beside_content(self):
+        """Whether the section links stand beside the page (a side bar) rather
+        than above it."""
+        nav, main = (self.driver.execute_script("return document.querySelector(arguments[0]).getBoundingClientRect()", sel)
+                     for sel in ("nav", "main"))
+        return nav["right"] <= main["left"] and nav["bottom"] > main["top"]
 
-    def shoot(self, name, phone=False):
-        """Saves the whole page as <shots>/<name>.png, at a desktop width or a phone's."""
-        d = self.driver
-        if phone:
-            d.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", PHONE)
-            d.refresh()
+    # --- screen sizes and screenshots ---------------------------------------
+
+    @contextlib.contextmanager
+    def phone(self):
+        """The page as a phone 390 px wide shows it."""
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", PHONE)
+        self.driver.refresh()
         try:
-            m = d.execute_cdp_cmd("Page.getLayoutMetrics", {})
-            size = m.get("cssContentSize") or m["contentSize"]
-            width = PHONE["width"] if phone else max(DESKTOP[0], int(size["width"]))
-            shot = d.execute_cdp_cmd("Page.captureScreenshot", {
-                "format": "png", "captureBeyondViewport": True,
-                "clip": {"x": 0, "y": 0, "width": width, "height": min(int(size["height"]), 6000), "scale": 1}})
-            path = os.path.join(self.shots, name + ".png")
-            with open(path, "wb") as f:
-                f.write(base64.b64decode(shot["data"]))
-            return path
+            yield self
         finally:
-            if phone:
-                d.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+            self.driver.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+
+    def shoot(self, name):
+        """Saves the whole page, at the present width, as <shots>/<name>.png."""
+        d = self.driver
+        m = d.execute_cdp_cmd("Page.getLayoutMetrics", {})
+        view = m.get("cssLayoutViewport") or m["layoutViewport"]
+        size = m.get("cssContentSize") or m["contentSize"]
+        shot = d.execute_cdp_cmd("Page.captureScreenshot", {
+            "format": "png", "captureBeyondViewport": True,
+            "clip": {"x": 0, "y": 0, "width": max(int(view["clientWidth"]), int(size["width"])),
+                     "height": min(int(size["height"]), 6000), "scale": 1}})
+        path = os.path.join(self.shots, name + ".png")
+        with open(path, "wb") as f:
+            f.write(base64.b64decode(shot["data"]))
+        return path
