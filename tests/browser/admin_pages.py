@@ -107,7 +107,7 @@ class AdminInBrowser(unittest.TestCase):
         """The page a person sees: styled, no stray template bars, no broken images."""
         p = self.person
         text = p.text()
-        self.assertNotIn("||", text, what + ": template text left on the page")
+        self.assertNotRegex(text, r"\|\||\|[a-z_]{2,}\|", what + ": template text left on the page")
         self.assertNotIn("No such template", text, what)
         self.assertTrue(p.looks_styled(), what + ": the stylesheet did not apply")
         self.assertEqual(p.broken_images(), [], what)
@@ -173,13 +173,14 @@ class AdminInBrowser(unittest.TestCase):
             p.type(label, value)
         p.shoot("user_form")
         p.press(USER_CREATE)
-        self.assertReadable("user created")
+        self.assertIn("Created %s." % name, self.assertReadable("user created"))
         with ftp_login(name, password) as f:
             self.assertTrue(f.pwd().startswith("/"))
         p.shoot("user_created")
         p.open("cmd=user_admin")
         p.type(USER_NAME_LABEL, name)
         p.press(USER_DELETE)
+        self.assertIn("Deleted %s." % name, p.text())
         with self.assertRaises(ftplib.error_perm):
             ftp_login(name, password).quit()
 
