@@ -96,17 +96,18 @@ std::vector<std::string> admin_tail_lines(const char* path, int n) {
             if (ch == '\n') ++ends;
         held.insert(0, chunk);
     }
+    if (held.empty()) return out;
     size_t end = held.size();
-    if (end > 0 && held[end - 1] == '\n') --end;
-    while (end > 0 && out.size() < static_cast<size_t>(n)) {
-        size_t nl = held.rfind('\n', end - 1);
-        size_t from = nl == std::string::npos ? 0 : nl + 1;
-        // A cut first line (read bound reached) is left out.
+    if (held[end - 1] == '\n') --end;
+    for (;;) {
+        size_t nl = end == 0 ? std::string::npos : held.rfind('\n', end - 1);
+        // A first line cut by the read bound is left out.
         if (nl == std::string::npos && pos > 0) break;
+        size_t from = nl == std::string::npos ? 0 : nl + 1;
         std::string line = held.substr(from, end - from);
         if (!line.empty() && line.back() == '\r') line.pop_back();
         out.push_back(std::move(line));
-        if (nl == std::string::npos) break;
+        if (nl == std::string::npos || out.size() >= static_cast<size_t>(n)) break;
         end = nl;
     }
     return {out.rbegin(), out.rend()};

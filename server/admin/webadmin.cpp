@@ -166,7 +166,11 @@ void get_path(WINK* w, const std::string& cmd) {
     LINK* l = link_of(w);
     imsg("Web Thread: Query:%s, Command:%s FromIP:%s\n", w->ref.c_str(), cmd.c_str(), l->ipnum.c_str());
     if (w->cgi.rfind("/web/", 0) == 0) {
-        my_web_show_file(w, w->cgi.c_str() + 5, "web");
+        // The folder itself is no file: its pages start at the admin's own.
+        if (w->cgi.size() == 5)
+            web_redirect(w, kAdminCgi);
+        else
+            my_web_show_file(w, w->cgi.c_str() + 5, "web");
         return;
     }
     set_thread_name(w, THREAD_ID_STRING_WEB_ADMIN);

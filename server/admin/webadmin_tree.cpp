@@ -75,7 +75,7 @@ void mgr_do_domain_tree(WINK* w) {
     const int classid = input_int(w, "classid", -10);
     std::vector<ADMIN_DOMAIN> ds = admin_domains();
     if (ds.empty()) emsg("No domains?");
-    std::string html = "<div class=\"tree\">\n";
+    std::string html;
     for (size_t di = 0; di < ds.size(); ++di) {
         const ADMIN_DOMAIN& d = ds[di];
         const int id = static_cast<int>(di);
@@ -96,7 +96,6 @@ void mgr_do_domain_tree(WINK* w) {
         }
         html += t[9];
     }
-    html += "</div>\n";
     tcp_write(w->c, html.data(), static_cast<int>(html.size()));
 }
 

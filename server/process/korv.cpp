@@ -424,8 +424,13 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
 
     hold.release();
 
+    // A stop ends the FTP loop alone. A start ends the web loop too, so that
+    // the start-up goes round once more and binds the FTP ports again at once
+    // (the FTP loop is gone by then: it left at the stop).
     auto keep_going = [&] {
-        return !shutdown_now.load() && !restart_ftp_now.load() && !(ftp && start_or_stop_ftp_port.load());
+        const bool start_stop = start_or_stop_ftp_port.load() != 0;
+        return !shutdown_now.load() && !restart_ftp_now.load() && !(ftp && start_stop) &&
+               !(!ftp && start_stop && ftp_port_active.load());
     };
     // The loop's lock is held for each pass's own work and let go for the
     // wait, which is the loop's sleep; the accept routines take it again.
