@@ -21,7 +21,6 @@ namespace korv {
 namespace {
 
 constexpr int kWebHostMax = 999;          // host part of Host:
-constexpr int kWebModifiedMax = 200;      // If-Modified-Since text
 constexpr int kWebOriginMax = 1000;       // Origin and Referer kept for the same-origin check
 constexpr int kWebBodyChunk = 8192;       // each read of a body
 constexpr int kWebBodyWhole = 8500;       // a remainder up to this is read at once

@@ -83,6 +83,21 @@ std::string page_head_lines(const WINK* l, const char* location) {
     return h;
 }
 
+// %XX resolved as web_unescape_url does, but a %00 stays in the result as a
+// NUL, so that it can be refused rather than cut the name.
+std::string percent_decode(std::string_view in) {
+    std::string out;
+    for (size_t i = 0; i < in.size(); ++i) {
+        if (in[i] == '%' && i + 2 < in.size()) {
+            out += x2c(in.data() + i + 1);
+            i += 2;
+        } else {
+            out += in[i];
+        }
+    }
+    return out;
+}
+
 std::string home_file(const char* name) {
     const char* home = korv_home();
     return home != nullptr && *home ? strfmt("%s/%s", home, name) : std::string(name);
@@ -207,13 +222,9 @@ int web_showimage(WINK* l, const char* fname) {
 int web_show_file(WINK* l, const char* fname, const char* path) {
     // The name is judged as the file system will see it: percent escapes
     // resolved first, so that %2e%2e is caught like "..".
-    std::string name(fname != nullptr ? fname : "");
-    size_t raw = name.size();
-    web_unescape_url(name.data(), static_cast<int>(name.size()));
-    name.resize(std::strlen(name.c_str()));
-    bool had_nul = name.size() < raw && std::string_view(fname).find("%00") != std::string_view::npos;
-    if (had_nul || name.empty() || name.find("..") != std::string::npos || name.front() == '/' ||
-        name.find('\\') != std::string::npos || name.size() > static_cast<size_t>(kShowNameMax) ||
+    std::string name = percent_decode(fname != nullptr ? fname : "");
+    if (name.empty() || name.find('\0') != std::string::npos || name.find("..") != std::string::npos ||
+        name.front() == '/' || name.find('\\') != std::string::npos || name.size() > static_cast<size_t>(kShowNameMax) ||
         std::strlen(path) > static_cast<size_t>(kShowNameMax)) {
         web_log("Refused web file (%.200s)\n", log_escape(fname != nullptr ? fname : "").c_str());
         return 0;
