@@ -79,7 +79,9 @@ struct Thread {
 
 void ThreadFree::operator()(Thread* t) const { th_free(t); }
 
-Thread* th_new(ThreadFn fn, void* arg) {
+Thread* th_new(ThreadFn fn, void* arg) { return th_new_stack(fn, arg, stack_size.load()); }
+
+Thread* th_new_stack(ThreadFn fn, void* arg, size_t stack_bytes) {
     auto t = std::make_unique<Thread>();
     t->life = std::make_shared<ThreadLife>();
     auto start = std::make_unique<ThreadStart>(ThreadStart{fn, arg, t->life});
@@ -90,7 +92,7 @@ Thread* th_new(ThreadFn fn, void* arg) {
     if (rc != 0) base_report("Thread setscope failed %s\n", errtext(rc).c_str());
     rc = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     if (rc != 0) base_report("Thread setdetachstate failed %s\n", errtext(rc).c_str());
-    if (size_t ss = stack_size.load(); ss != 0) {
+    if (size_t ss = stack_bytes; ss != 0) {
         rc = pthread_attr_setstacksize(&attr, ss);
         if (rc != 0) base_report("Thread setstacksize %zu failed %s\n", ss, errtext(rc).c_str());
     }

@@ -23,6 +23,9 @@ struct ThreadFree {
 using ThreadPtr = std::unique_ptr<Thread, ThreadFree>;
 
 Thread* th_new(ThreadFn fn, void* arg);  // detached, system scope; null on failure
+// The same with a stack of its own size (0: the system's default), for the few
+// threads that need more than the sessions' stacks.
+Thread* th_new_stack(ThreadFn fn, void* arg, size_t stack_bytes);
 // Stack size of threads started from now on (0: the system's default). Session
 // threads need far less than the default 8 MiB of address space each.
 void th_set_stack_size(size_t bytes);

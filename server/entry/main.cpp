@@ -1,9 +1,11 @@
 // The korvane program: installs what the upper layers give the process layer
-// (the admin.dat writer of the web administration), then korv_main does the
-// rest; writing the built-in admin pages out needs no configuration.
+// (the admin connections' routine and the admin.dat writer of the web
+// administration), then everything happens in korv_main, except writing the
+// built-in admin pages out, which needs no configuration.
 #include <cstdio>
 #include <cstring>
 
+#include "server/admin/webadmin.h"
 #include "server/admin/webfiles.h"
 #include "server/admin/webio.h"
 #include "server/process/korv.h"
@@ -19,5 +21,6 @@ int main(int argc, char** argv) {
         return korv::output_web_files(argv[i + 1]) ? 0 : 1;
     }
     korv::korv_set_admin_dat_writer(korv::admin_dat_write);
+    korv::korv_set_admin_handler(korv::mgr_main);
     return korv::korv_main(argc, argv);
 }

@@ -31,7 +31,6 @@
 #include "server/process/idle.h"
 #include "server/process/password.h"
 #include "server/process/starter.h"
-#include "server/process/webstub.h"
 #include "server/session/link.h"
 #include "server/session/threadlist.h"
 #include "server/settings/ini.h"
@@ -52,6 +51,7 @@ std::atomic<int> mgrport{7021};
 std::atomic<int> mgrsslport{9021};
 std::atomic<int> cpu_msec{0};
 std::atomic<const char*> main_status{"Starting"};
+std::atomic<AccountFn> admin_handler{nullptr};
 
 // A wake-up pipe for each accept loop, in its wait list beside the listeners.
 struct WakePipe {
@@ -210,6 +210,13 @@ void korv_wake_loops() {
 
 int korv_is_ftp_active() { return ftp_port_active.load(); }
 
+void korv_set_admin_handler(AccountFn fn) { admin_handler.store(fn); }
+
+size_t korv_admin_stack_bytes() {
+    size_t session = th_get_stack_size();
+    return session * 8 > kAdminStackBytes ? session * 8 : kAdminStackBytes;
+}
+
 int korv_startftp(const char* reason) {
     emsg("start FTP - %s\n", reason);
     if (ftp_port_active.load() == 0) {
@@ -290,13 +297,16 @@ int try_accept_connection_no_threads(Chan_List* itm) {
     l->user.clear();
     l->get_accept = static_cast<int>(accepted);
     l->ssl_implicit = itm->autostartssl;
-    auto fn = reinterpret_cast<SessionFn>(itm->parameter);
-    if (fn != nullptr) {
-        fn(l);
+    AccountFn fn = admin_handler.load();
+    if (fn == nullptr) {
+        tcp_printf(l->c.get(), "500 This HTTP connection is not configured.\r\n");
         link_free(&l);
-        return 1;
+        return 0;
     }
-    tcp_printf(l->c.get(), "500 This HTTP connection is not configured.\r\n");
+    // Each admin connection has a thread of its own: a slow browser never holds
+    // the accept loop, and the page engine's recursion gets the stack it needs.
+    if (main_new_thread(fn, l, nullptr, THREAD_ID_STRING_WEB_ADMIN, korv_admin_stack_bytes())) return 1;
+    tcp_printf(l->c.get(), "500 cannot allocate resources for this HTTP connection, try again in a minute.\r\n");
     link_free(&l);
     return 0;
 }
@@ -365,15 +375,14 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
         } else {
             if (mgrport.load() > 0) {
                 ++tries;
-                if (bind_add_address("for web admin", &list, accept_all_web, reinterpret_cast<void*>(mgr_main_no_threads),
-                                     0, addr.c_str(), mgrport.load(), 1, tmp))
+                if (bind_add_address("for web admin", &list, accept_all_web, nullptr, 0, addr.c_str(), mgrport.load(),
+                                     1, tmp))
                     ++good;
             }
             if (mgrsslport.load() > 0) {
                 ++tries;
-                if (bind_add_address("for secure web admin", &list, accept_all_web,
-                                     reinterpret_cast<void*>(mgr_main_no_threads), 1, addr.c_str(), mgrsslport.load(), 1,
-                                     tmp))
+                if (bind_add_address("for secure web admin", &list, accept_all_web, nullptr, 1, addr.c_str(),
+                                     mgrsslport.load(), 1, tmp))
                     ++good;
             }
         }
@@ -415,8 +424,13 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
 
     hold.release();
 
+    // A stop ends the FTP loop alone. A start ends the web loop too, so that
+    // the start-up goes round once more and binds the FTP ports again at once
+    // (the FTP loop is gone by then: it left at the stop).
     auto keep_going = [&] {
-        return !shutdown_now.load() && !restart_ftp_now.load() && !(ftp && start_or_stop_ftp_port.load());
+        const bool start_stop = start_or_stop_ftp_port.load() != 0;
+        return !shutdown_now.load() && !restart_ftp_now.load() && !(ftp && start_stop) &&
+               !(!ftp && start_stop && ftp_port_active.load());
     };
     // The loop's lock is held for each pass's own work and let go for the
     // wait, which is the loop's sleep; the accept routines take it again.

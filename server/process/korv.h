@@ -10,6 +10,7 @@
 #include "net/libtcp.h"
 #include "net/spawn.h"
 #include "server/session/runstate.h"
+#include "server/session/threadlist.h"
 
 namespace korv {
 
@@ -36,6 +37,16 @@ int try_accept_connection_no_threads(Chan_List* itm);
 
 // Session routines carried by a listener node.
 using SessionFn = int (*)(LINK* l);
+
+// The routine each admin connection runs on a thread of its own (with the
+// LINK as argument; the thread registry frees the LINK after it). The
+// program's entry installs it: the admin layer sits above this one. Without
+// one, admin connections get a one-line refusal.
+void korv_set_admin_handler(AccountFn fn);
+inline constexpr size_t kAdminStackBytes = 4 * 1024 * 1024;  // the page engine nests includes
+// The admin threads' stack: kAdminStackBytes, or more when the sessions' own
+// stacks were enlarged (sanitizer builds).
+size_t korv_admin_stack_bytes();
 
 int korv_is_ftp_active();
 int korv_startftp(const char* reason);

@@ -94,6 +94,7 @@ struct THREAD_ACCOUNTING {
     void* param = nullptr;
     const char* threadname = nullptr;
     Thread* th = nullptr;
+    bool pooled = true;  // false: the thread ends with its job
 };
 
 }  // namespace
@@ -330,6 +331,22 @@ int main_new_reuse_thread(AccountFn v_fn, LINK* l, void* param, const char* thre
     return 1;
 }
 
+int main_new_thread(AccountFn v_fn, LINK* l, void* param, const char* threadname, size_t stack_bytes) {
+    auto arg = std::make_unique<THREAD_ACCOUNTING>();
+    arg->v_fn = v_fn;
+    arg->threadname = threadname;
+    arg->l = l;
+    arg->param = param;
+    arg->pooled = false;
+    MutexHold hold(MUTEX_CREATE_THREAD_LIST);
+    Thread* h = th_new_stack(thread_accounting_fn, arg.get(), stack_bytes);
+    if (h == nullptr) return 0;
+    if (l != nullptr) l->th = h;
+    arg->th = h;
+    arg.release();  // thread_accounting_fn owns it
+    return 1;
+}
+
 int thread_accounting_fn(void* x) {
     time_t start = time(nullptr);
     MutexHold hold(MUTEX_CREATE_THREAD_LIST);  // the creator has filled in th
@@ -339,6 +356,7 @@ int thread_accounting_fn(void* x) {
     void* param = arg->param;
     const char* threadname = arg->threadname;
     Thread* th = arg->th;
+    const bool pooled = arg->pooled;
     if (l != nullptr) l->th = th;
     arg.reset();
     if (!main_thread_store(th, threadname, l, start)) {
@@ -353,7 +371,8 @@ int thread_accounting_fn(void* x) {
         v_fn(param);
     else
         v_fn(l);
-    int r = main_thread_free_one(th, ftp_is_reuse());
+    // A thread of its own leaves its row, whose handle goes with it.
+    int r = main_thread_free_one(th, pooled ? ftp_is_reuse() : 0);
     job_ended();
     if (r == 0) dmsg("Thread: %d exiting: %s\n", th_id(), threadname);
     return r;

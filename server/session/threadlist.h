@@ -62,6 +62,9 @@ int total_logged_in_users();
 using AccountFn = int (*)(void*);
 int main_new_reuse_thread(AccountFn v_fn, LINK* l, void* param, const char* threadname);
 int thread_accounting_fn(void* x);
+// The same on a thread of its own with a stack of `stack_bytes`, which ends
+// with its job instead of joining the pool.
+int main_new_thread(AccountFn v_fn, LINK* l, void* param, const char* threadname, size_t stack_bytes);
 
 int ftp_is_reuse();
 void ftp_set_reuse(int truth);

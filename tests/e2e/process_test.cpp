@@ -1,6 +1,6 @@
 // The server process end to end: the main log's line format, the ways of
 // stopping it, reloading and restarting it, the crash copy of an unclean
-// end, and the placeholder page of the admin ports.
+// end, and the admin ports answering beside FTP.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -175,16 +175,15 @@ TEST(Process, LeftoverPidFileKeepsCrashCopyOfLog) {
     EXPECT_EQ(crash.compare(0, 9, "old line "), 0) << crash.substr(0, 40);
 }
 
-TEST(Process, AdminPortsAnswerWithPlaceholderPage) {
+TEST(Process, AdminPortsAskForThePasswordWhileFtpServes) {
     KorvServer s(KorvServer::basic_config());
     ASSERT_TRUE(s.start());
     FtpClient web;
     ASSERT_TRUE(web.connect(s.mgr_port()));
     ASSERT_TRUE(web.send_raw("GET / HTTP/1.0\r\n\r\n"));
     std::string page = web.read_raw(10000);
-    EXPECT_EQ(page.compare(0, 17, "HTTP/1.0 200 OK\r\n"), 0) << page;
-    EXPECT_NE(page.find("not part of this build yet"), std::string::npos);
-    // The FTP port still serves while the main loop answers the web.
+    EXPECT_EQ(page.compare(0, 27, "HTTP/1.0 401 Unauthorized\r\n"), 0) << page;
+    // The FTP port still serves while an admin connection is open.
     FtpClient ftp;
     ASSERT_TRUE(ftp.connect(s.ftp_port()));
     EXPECT_EQ(ftp.reply().substr(0, 4), "220 ");
