@@ -90,6 +90,23 @@ bool origin_parts(std::string_view url, std::string& host, int& port, int& schem
 
 // Splits `text` at '&' into name=value items added to `list`. Query values
 // are bounded; form values are not.
+// '+' to a blank and %XX to its byte over the whole item. A decoded NUL stays
+// in the value, so that the pages can refuse it instead of storing a cut text.
+void unescape_item(std::string& s) {
+    size_t x = 0;
+    for (size_t y = 0; y < s.size(); ++x, ++y) {
+        char c = s[y];
+        if (c == '+') {
+            c = ' ';
+        } else if (c == '%' && y + 2 < s.size()) {  // a '%' without two bytes after it stays
+            c = x2c(s.data() + y + 1);
+            y += 2;
+        }
+        s[x] = c;
+    }
+    s.resize(x);
+}
+
 void decode_items(PairPtr& list, std::string_view text, bool is_query) {
     size_t at = 0;
     int kept = 0;
@@ -102,9 +119,7 @@ void decode_items(PairPtr& list, std::string_view text, bool is_query) {
         if (amp == std::string_view::npos) amp = text.size();
         std::string item(text.substr(at, amp - at));
         at = amp + 1;
-        web_plustospace(item.data());
-        web_unescape_url(item.data(), static_cast<int>(item.size()));
-        item.resize(std::strlen(item.c_str()));
+        unescape_item(item);
         size_t eq = item.find('=');
         if (eq == std::string::npos) continue;
         std::string_view name(item.data(), eq);
@@ -300,10 +315,14 @@ void web_unescape_url(char* url, int max) {
 }
 
 std::string web_input(const WINK* l, std::string_view var) {
-    std::string name(var);
-    const char* q = pair_find(l->query.get(), name.c_str());
-    if (*q != 0) return q;
-    return pair_find(l->form.get(), name.c_str());
+    // The whole value, NULs included: a cut value could be stored unnoticed.
+    auto find = [var](const Pair* p) -> std::string_view {
+        for (; p != nullptr; p = p->next.get())
+            if (p->var == var) return p->val;
+        return {};
+    };
+    std::string_view q = find(l->query.get());
+    return std::string(q.empty() ? find(l->form.get()) : q);
 }
 
 std::string web_inputn(const WINK* l, std::string_view var, int n) {

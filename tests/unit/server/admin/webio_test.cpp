@@ -172,6 +172,19 @@ TEST_F(WebIo, QueryAndFormDecoding) {
     }
 }
 
+// A decoded NUL stays in the value, so that the pages can see it and refuse
+// the value instead of storing what comes before it.
+TEST_F(WebIo, DecodedNulStaysInTheValue) {
+    WinkPtr w = wink_new();
+    web_decode_content(w.get(), "password=a%00b&user=dave");
+    const Pair* p = w->form.get();
+    for (; p != nullptr && p->var != "password"; p = p->next.get()) {
+    }
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->val, std::string("a\0b", 3));
+    EXPECT_EQ(web_value_safe(web_input(w.get(), "password")), 0);
+}
+
 // A body of many tiny items must not cost without bound before any login.
 TEST_F(WebIo, ItemsPastTenThousandAreDropped) {
     std::string body;
