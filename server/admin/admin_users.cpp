@@ -58,15 +58,15 @@ int show(WINK* w) {
 std::string refused(const WINK* w, bool need_password) {
     const std::string user = web_input(w, "user");
     if (user.empty()) return "Type a user name first.";
-    if (!admin_value_ok(user) || !mex_name_ok(user))
+    if (!web_value_safe(user) || !mex_name_ok(user))
         return "A user name may not hold blanks, quotes, line ends, control characters or \"#\".";
     const std::string pass = web_input(w, "password");
-    if (!admin_value_ok(pass)) return "The password holds a double quote, a line end or a NUL; nothing was written.";
+    if (!web_value_safe(pass)) return "The password holds a double quote, a line end or a NUL; nothing was written.";
     if (pass.find(' ') != std::string::npos || pass.find('\t') != std::string::npos)
         return "A password may not hold blanks; nothing was written.";
     if (need_password && pass.empty()) return "A new user needs a password.";
     for (const char* f : kUserFields)
-        if (!admin_value_ok(web_input(w, f)))
+        if (!web_value_safe(web_input(w, f)))
             return strfmt("The field %s holds a double quote, a line end or a NUL; nothing was written.", f);
     return "";
 }
@@ -85,10 +85,6 @@ void collect(void* p, const char* line) {
 }
 
 }  // namespace
-
-int admin_value_ok(std::string_view v) {
-    return v.find_first_of(std::string_view("\"\r\n\0", 4)) == std::string_view::npos ? 1 : 0;
-}
 
 int mgr_cmd_user_admin(WINK* w) { return show(w); }
 
@@ -169,7 +165,7 @@ int mgr_cmd_user_delete(WINK* w) {
 int mgr_cmd_user_wild_search(WINK* w) {
     std::string wild = web_input(w, "wild");
     if (wild.empty()) wild = "*";
-    if (!admin_value_ok(wild) || wild.find(' ') != std::string::npos) {
+    if (!web_value_safe(wild) || wild.find(' ') != std::string::npos) {
         fail(w, "A search pattern may not hold blanks, quotes or line ends.");
         return show(w);
     }

@@ -106,8 +106,6 @@ int mgr_cmd_user_save(WINK* w, int create);
 int mgr_cmd_user_delete(WINK* w);
 int mgr_cmd_user_wild_search(WINK* w);
 void mgr_do_user_list(WINK* w);
-// 1 if a form value may be written: no double quote, CR, LF or NUL.
-int admin_value_ok(std::string_view v);
 
 // The diagnostic commands: 1 if `cmd` is one (acted on only under -debug).
 int mgr_is_diag(std::string_view cmd);

@@ -24,18 +24,7 @@ VLIST* var_lookup(const WINK* l, std::string_view var) {
 }
 
 // Values come from people and clients; a page shows them as text.
-void append_escaped(std::string& out, std::string_view s) {
-    for (char ch : s) {
-        switch (ch) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&#39;"; break;
-            default: out += ch; break;
-        }
-    }
-}
+void append_escaped(std::string& out, std::string_view s) { out += web_encode(s); }
 
 // The text ||name|| stands for: the escaped value, or for an empty
 // name_checked the word "checked" when `name` is true in any case.

@@ -2,13 +2,12 @@
 // the admin password and has admin.dat written there.
 #include "server/process/password.h"
 
-#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <iostream>
 #include <string>
 
+#include "base/secret.h"
 #include "server/process/control.h"
 #include "server/settings/ini.h"
 
@@ -17,28 +16,6 @@ namespace korv {
 namespace {
 
 AdminDatWriter writer = nullptr;
-
-// One line from standard input; on a terminal with the prompt on standard
-// error and the echo off.
-bool read_secret(const char* prompt, std::string& out) {
-    bool tty = ::isatty(0);
-    struct termios old {};
-    if (tty) {
-        std::fputs(prompt, stderr);
-        std::fflush(stderr);
-        ::tcgetattr(0, &old);
-        struct termios quiet = old;
-        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        ::tcsetattr(0, TCSAFLUSH, &quiet);
-    }
-    bool got = static_cast<bool>(std::getline(std::cin, out));
-    if (tty) {
-        ::tcsetattr(0, TCSAFLUSH, &old);
-        std::fputs("\n", stderr);
-    }
-    if (!out.empty() && out.back() == '\r') out.pop_back();
-    return got;
-}
 
 int fail(const std::string& why) {
     std::fprintf(stderr, "korvane: -password: %s\n", why.c_str());

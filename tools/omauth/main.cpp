@@ -1,7 +1,6 @@
 // omauth: the bundled authentication module. Serves the module protocol on standard input and
 // output against one users file, and sets passwords from a terminal or a pipe.
 #include <fcntl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,10 +10,12 @@
 #include <utility>
 #include <vector>
 
+#include "base/secret.h"
 #include "tools/omauth/protocol.h"
 #include "tools/omauth/userfile.h"
 
 using namespace korv::omauth;
+using korv::read_secret;
 
 namespace {
 
@@ -31,26 +32,6 @@ constexpr const char* kUsage =
 std::string unquote(std::string s) {
     if (s.size() >= 2 && s.front() == '"' && s.back() == '"') s = s.substr(1, s.size() - 2);
     return s;
-}
-
-bool read_secret(const char* prompt, std::string& out) {
-    bool tty = ::isatty(0);
-    struct termios old {};
-    if (tty) {
-        std::fputs(prompt, stderr);
-        std::fflush(stderr);
-        ::tcgetattr(0, &old);
-        struct termios quiet = old;
-        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        ::tcsetattr(0, TCSAFLUSH, &quiet);
-    }
-    bool got = static_cast<bool>(std::getline(std::cin, out));
-    if (tty) {
-        ::tcsetattr(0, TCSAFLUSH, &old);
-        std::fputs("\n", stderr);
-    }
-    if (!out.empty() && out.back() == '\r') out.pop_back();
-    return got;
 }
 
 // `ids` holds the account fields to set with the password (ftpuid, ftpgid).

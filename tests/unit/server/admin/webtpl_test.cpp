@@ -106,7 +106,7 @@ TEST(WebTemplate, CuttingSubstitutionAndEscaping) {
         {"<i>||open", {}, "<i>|open"},
         {"||a||b||", {{"a", "A"}}, "Ab|"},
         {"<in value=\"||v||\">", {{"v", "<script>\"x\" & 'y'</script>"}},
-         "<in value=\"&lt;script&gt;&quot;x&quot; &amp; &#39;y&#39;&lt;/script&gt;\">"},
+         "<in value=\"&lt;script&gt;&#34;x&#34; &amp; &#39;y&#39;&lt;/script&gt;\">"},
         {"||foo_checked||", {{"foo", "TRUE"}}, "checked"},
         {"||foo_checked||", {{"foo", "true"}}, "checked"},
         {"||foo_checked||", {{"foo", "True"}}, "checked"},
@@ -124,13 +124,13 @@ TEST(WebTemplate, SubstitutionBoundNeverCutsAnEntity) {
     web_var_add(&w, "v", "&<>\"'&");
     std::string full;
     web_var_replace(&w, "ab||v||cd", full, 1000);
-    ASSERT_EQ(full, "ab&amp;&lt;&gt;&quot;&#39;&amp;cd");
+    ASSERT_EQ(full, "ab&amp;&lt;&gt;&#34;&#39;&amp;cd");
     for (int outlen = 1; outlen < 40; outlen++) {
         std::string out;
         web_var_replace(&w, "ab||v||cd", out, outlen);
         EXPECT_LT(static_cast<int>(out.size()), outlen);
         EXPECT_EQ(full.compare(0, out.size(), out), 0) << outlen;
-        bool has_value = out.find("&amp;&lt;&gt;&quot;&#39;&amp;") != std::string::npos;
+        bool has_value = out.find("&amp;&lt;&gt;&#34;&#39;&amp;") != std::string::npos;
         EXPECT_TRUE(has_value || out.find('&') == std::string::npos) << outlen << " " << out;
     }
 }
