@@ -52,7 +52,8 @@ int parse_line(const char* line, const XferFilter& f, EreportDataUnit& out, std:
     char* p[kSplitMax + 1] = {};
     int n = quoted_token_split2_rm_quot(copy, p, " ", kSplitMax);
     if (n < kXferTokensMin) return 0;
-    if (n == kXferTokens + 1 && p[2] != nullptr && *p[2] == 0) {
+    // "Nov  9": the day's padding blank leaves an empty field.
+    if (n > 2 && *p[2] == 0) {
         for (int i = 2; i < n; ++i) p[i] = p[i + 1];
         --n;
     }
