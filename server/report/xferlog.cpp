@@ -101,7 +101,7 @@ int parse_line(const char* line, const XferFilter& f, EreportDataUnit& out, std:
     }
     int mon = month_index(p[1]), day = atoi(p[2]), year = atoi(p[4]);
     if (mon < 0 || day < 1 || day > 31 || year < 1970 || year > 9999 || !all_digits(p[7]) || !all_digits(p[5]) ||
-        strlen(p[7]) > 18) {
+        strlen(p[7]) > 18 || strlen(p[5]) > 9) {
         why = strfmt("e-reporting: got bad line from xfer file (%.500s)", line);
         return -1;
     }
