@@ -83,7 +83,6 @@ int show_status(WINK* w) { return mgr_cmd_status(w); }
 
 int notyet_settings(WINK* w) { return mgr_notyet(w, "The settings pages"); }
 int notyet_mirrors(WINK* w) { return mgr_notyet(w, "Mirroring"); }
-int notyet_reports(WINK* w) { return mgr_notyet(w, "Emailed reports"); }
 int notyet_help(WINK* w) { return mgr_notyet(w, "The manual"); }
 int notyet_dump(WINK* w) { return mgr_notyet(w, "The settings dump"); }
 
@@ -106,7 +105,7 @@ const GetRoute kGetRoutes[] = {
     {"help", notyet_help, nullptr},
     {"log", mgr_cmd_log, "log_pressed"},
     {"onoff", mgr_cmd_onoff, "onoff_pressed"},
-    {"report_file", notyet_reports, "report_pressed"},
+    {"report_file", mgr_cmd_report, "report_pressed"},
     {"status", show_status, "status_pressed"},
     {"user_admin", mgr_cmd_user_admin, "users_pressed"},
     {"dump", notyet_dump, nullptr},
@@ -137,7 +136,8 @@ const PostRoute kPostRoutes[] = {
     {"cmd_domain_save", notyet_settings, nullptr},
     {"cmd_domain_delete", notyet_settings, nullptr},
     {"cmd_domains", show_top, nullptr},
-    {"cmd_ereport_delete", notyet_reports, "report_pressed"},
+    {"cmd_ereport_delete", mgr_cmd_report_remove, "report_pressed"},
+    {"cmd_ereport_send", mgr_cmd_report_send, "report_pressed"},
     {"cmd_mirrors", notyet_mirrors, "mirrors_pressed"},
     {"cmd_mirror_save", notyet_mirrors, "mirrors_pressed"},
     {"cmd_mirror_log", notyet_mirrors, "mirrors_pressed"},
@@ -146,8 +146,8 @@ const PostRoute kPostRoutes[] = {
     {"cmd_status", show_status, "status_pressed"},
     {"cmd_dump", notyet_dump, nullptr},
     {"cmd_log", mgr_cmd_log, "log_pressed"},
-    {"cmd_add_report", notyet_reports, "report_pressed"},
-    {"cmd_report", notyet_reports, "report_pressed"},
+    {"cmd_add_report", mgr_cmd_report_add, "report_pressed"},
+    {"cmd_report", mgr_cmd_report, "report_pressed"},
     {"cmd_graph", mgr_graph, "graph_pressed"},
     {"cmd_global", notyet_settings, "global_pressed"},
     {"cmd_misc", notyet_settings, "global_pressed"},
@@ -393,6 +393,8 @@ void mgr_add_web_callbacks() {
     web_callback_add("do_log", mgr_log);
     web_callback_add("do_graph", mgr_do_graph);
     web_callback_add("do_user_list", mgr_do_user_list);
+    web_callback_add("do_email_report_list", mgr_do_email_report_list);
+    web_callback_add("report_domain_options", mgr_do_report_domain_options);
 }
 
 namespace {

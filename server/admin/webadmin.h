@@ -107,6 +107,15 @@ int mgr_cmd_user_delete(WINK* w);
 int mgr_cmd_user_wild_search(WINK* w);
 void mgr_do_user_list(WINK* w);
 
+// Mailed reports: the page, add, delete, send now, and its two generators.
+int mgr_cmd_report(WINK* w);
+int mgr_cmd_report_add(WINK* w);
+int mgr_cmd_report_remove(WINK* w);
+int mgr_cmd_report_send(WINK* w);
+std::string html_list_ereports();
+void mgr_do_email_report_list(WINK* w);
+void mgr_do_report_domain_options(WINK* w);
+
 // The diagnostic commands: 1 if `cmd` is one (acted on only under -debug).
 int mgr_is_diag(std::string_view cmd);
 int mgr_cmd_diag(WINK* w, std::string_view cmd);

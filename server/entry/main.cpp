@@ -9,7 +9,10 @@
 #include "server/admin/webfiles.h"
 #include "server/admin/webio.h"
 #include "server/process/korv.h"
+#include "server/ftp/plog.h"
+#include "server/process/control.h"
 #include "server/process/password.h"
+#include "server/report/ereport.h"
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -22,5 +25,7 @@ int main(int argc, char** argv) {
     }
     korv::korv_set_admin_dat_writer(korv::admin_dat_write);
     korv::korv_set_admin_handler(korv::mgr_main);
+    korv::ereport_set_log_flush(korv::xlog_flush);
+    korv::korv_add_background([] { korv::ereport_init(korv::korv_home()); });
     return korv::korv_main(argc, argv);
 }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "base/dalloc.h"
 #include "base/fmt.h"
@@ -211,6 +212,12 @@ void korv_wake_loops() {
 int korv_is_ftp_active() { return ftp_port_active.load(); }
 
 void korv_set_admin_handler(AccountFn fn) { admin_handler.store(fn); }
+
+namespace {
+std::vector<KorvBackgroundFn> background;  // set before korv_main runs
+}  // namespace
+
+void korv_add_background(KorvBackgroundFn fn) { background.push_back(fn); }
 
 size_t korv_admin_stack_bytes() {
     size_t session = th_get_stack_size();
@@ -584,6 +591,8 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     } else {
         user_set_strip("");
     }
+
+    for (KorvBackgroundFn fn : background) fn();
 
     int started_up_self_loop_checking = 0;
     restart_ftp_now.store(0);

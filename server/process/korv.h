@@ -48,6 +48,12 @@ inline constexpr size_t kAdminStackBytes = 4 * 1024 * 1024;  // the page engine 
 // stacks were enlarged (sanitizer builds).
 size_t korv_admin_stack_bytes();
 
+// Background work of the upper layers (the report thread), started at each
+// start and restart once the settings, the logs and the home are ready; the
+// threads end when exit_due_to_shutdown_now is set.
+using KorvBackgroundFn = void (*)();
+void korv_add_background(KorvBackgroundFn fn);
+
 int korv_is_ftp_active();
 int korv_startftp(const char* reason);
 int korv_stopftp(const char* reason);

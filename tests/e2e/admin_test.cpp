@@ -134,7 +134,7 @@ TEST(Admin, PagesHeadsFilesAndControl) {
         {"user_admin", "<title>Korvane - Users</title>"},
         {"global", "is not part of the administration in this build yet"},
         {"mirrors", "Mirroring is not part"},
-        {"report_file", "Emailed reports is not part"},
+        {"report_file", "<title>Korvane - Reports</title>"},
         {"no_such_page", "<title>Korvane - Domains</title>"},
         // Without -debug a diagnostic command is an ordinary page.
         {"crash_now", "<title>Korvane - Domains</title>"},

@@ -71,7 +71,8 @@ PAGES = {
                   "lists": {"": PATH_ROW, "_group_resource": PATH_ROW | {"group"}, "_map": {"mapid", "find", "map"}}},
     "mirror.htm": {"lists": {"": MIRROR}, "checked": MIRROR},
     "mirrors.htm": {"lists": {"": MIRROR}},
-    "report.htm": {"gens": {"do_report", "do_email_report_list", "domain_option_list"}},
+    "report.htm": {"vars": {"report_message", "report_error"},
+                   "gens": {"do_email_report_list", "report_domain_options"}},
 }
 # Files with list rows in the engine's table, and the ids they may open.
 LIST_IDS = {"class.htm": {"_map", "_group_resource", ""}, "domain.htm": {""}, "graph.htm": {""}, "log.htm": {""},
@@ -79,7 +80,7 @@ LIST_IDS = {"class.htm": {"_map", "_group_resource", ""}, "domain.htm": {""}, "g
 # Every button the admin program acts on.
 BUTTONS = {"cmd_shutdown", "cmd_openmore", "cmd_stop", "cmd_start", "cmd_restart", "cmd_class_delete",
            "cmd_class_save", "cmd_global_save", "cmd_domain", "cmd_domain_save", "cmd_domain_delete", "cmd_domains",
-           "cmd_ereport_delete", "cmd_mirrors", "cmd_mirror_save", "cmd_mirror_log", "cmd_mirror_retry",
+           "cmd_ereport_delete", "cmd_ereport_send", "cmd_mirrors", "cmd_mirror_save", "cmd_mirror_log", "cmd_mirror_retry",
            "cmd_mirror_delete", "cmd_status", "cmd_dump", "cmd_log", "cmd_add_report", "cmd_report", "cmd_graph",
            "cmd_global", "cmd_misc", "cmd_search_help", "cmd_user_admin", "cmd_user_lookup", "cmd_user_save",
            "cmd_user_create", "cmd_user_delete", "cmd_user_wild_search"}
