@@ -52,7 +52,7 @@ void mgr_do_graph(WINK* w) {
                       c.name, c.value, kBarWidth, kBarHeight, c.value, width, kBarHeight);
     }
     h += "</table>\n";
-    tcp_write(w->c, h.data(), static_cast<int>(h.size()));
+    web_out(w, h);
 }
 
 }  // namespace korv

@@ -77,7 +77,7 @@ int admin_domain_index(const WINK* w);
 void mgr_do_domain_tree(WINK* w);
 int mgr_cb_domains(WINK* w, const std::string& unit, const WEB_CB_MAPPINGS* mappings, const char* filename);
 int is_anon_class_in_this_domain(WINK* w);
-int mgr_cmd_domain(WINK* w);
+int mgr_cmd_domain(WINK* w);  // settings_domain.cpp
 
 // Status, log and graph.
 void mgr_status(WINK* w);
