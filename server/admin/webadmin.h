@@ -91,6 +91,9 @@ inline constexpr int kLogLinesMax = 5000;
 std::vector<std::string> admin_tail_lines(const char* path, int n);
 int mgr_graph(WINK* w);
 void mgr_do_graph(WINK* w);
+struct TRAFFIC_MINUTE;
+// The bytes per minute of `series` as an SVG bar chart (downloads and uploads).
+std::string traffic_svg(const std::vector<TRAFFIC_MINUTE>& series);
 
 // Server control.
 int mgr_cmd_onoff(WINK* w);
