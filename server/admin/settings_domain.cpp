@@ -175,7 +175,9 @@ int mgr_cb_classes(WINK* w, const std::string& unit, const WEB_CB_MAPPINGS* mapp
         std::string name = tbl_p(c, INI_CLASS, "name");
         web_var_add(w, "domain", dname);
         web_var_add(w, "classid", std::to_string(i));
-        web_var_add(w, "class_name", tbl_p(c, INI_CLASS, "class_name"));
+        std::string class_name = tbl_p(c, INI_CLASS, "class_name");
+        // A class without a display name is listed by its short name or type.
+        web_var_add(w, "class_name", !class_name.empty() ? class_name : !name.empty() ? name : type);
         web_var_add(w, "type", type);
         web_var_add(w, "users", tbl_p(c, INI_CLASS, "users"));
         web_var_add(w, "name", name.empty() ? type : name);

@@ -259,7 +259,7 @@ class DomainsAndClasses(unittest.TestCase):
         # The new class had type real ticked, and anonymous was added.
         self.assertIn('\tclass type="real,anonymous" from="" users="ufirst"', "\n".join(block('vdomain address="127.0.0.9"')))
         page = post([("domainid", "1"), ("classid", "0"), ("cmd_class_delete", "1")])
-        self.assertRegex(page, r'classid=0">[^<]*</a></td><td>[^<]*</td><td>usecond<',
+        self.assertRegex(page, r'classid=0">second</a></td><td>[^<]*</td><td>[^<]*</td><td>usecond<',
                          "the classes after the deleted one move up")
         self.assertEqual(re.findall(r'class_name="([^"]*)"', ini().decode()), ["Real users", "second", "third"])
         # The first domain cannot be deleted; the second can.
