@@ -68,7 +68,7 @@ std::string traffic_svg(const std::vector<TRAFFIC_MINUTE>& series) {
                   kSvgH - 8);
     for (int i = 0; i < n && top > 0; ++i) {
         const TRAFFIC_MINUTE& m = series[static_cast<size_t>(i)];
-        const int x = kLeft + 1 + i * slot;
+        const int x = kLeft + 1 + i * plot_w / n;  // spread over the whole width
         const long long vals[2] = {m.down, m.up};
         const char* fills[2] = {"#2f6fb3", "#d9822b"};
         for (int k = 0; k < 2; ++k) {
