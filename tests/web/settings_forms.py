@@ -177,6 +177,25 @@ class GlobalPage(unittest.TestCase):
         with ftp_login() as f:
             f.pwd()
 
+    def test_log_home_and_level_apply_at_once(self):
+        form = form_of("cmd=global")
+        logs = SERVER.path("logs2")
+        self.addCleanup(lambda: post(changed(form_of("cmd=global"), log_home="", log_level="info",
+                                             global_log_flush=None, cmd_global_save="1")))
+        # With every line written through, what the file holds is what was logged.
+        post(changed(form, log_home=logs, log_level="debug", global_log_flush="true", cmd_global_save="1"))
+        get("cmd=status")  # something to log
+        moved = os.path.join(logs, "korvane.log")
+        self.assertTrue(os.path.exists(moved), "the main log reopened in the new directory")
+        with open(moved, errors="replace") as f:
+            text = f.read()
+        self.assertIn("Web Thread: Query:/cgi/korvanemgr.cgi?cmd=status", text)
+        self.assertIn(":dbug:", text, "debug lines are written at once")
+        post(changed(form_of("cmd=global"), log_home="", cmd_global_save="1"))
+        size = os.path.getsize(moved)
+        get("cmd=status")
+        self.assertEqual(os.path.getsize(moved), size, "back in the home, the old file gets nothing more")
+
     def test_refused_values_leave_the_file_alone(self):
         form = form_of("cmd=global")
         before = ini()
