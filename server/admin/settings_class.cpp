@@ -101,7 +101,8 @@ void class_vars(WINK* w, INIHANDLE* h, int domainid, int classid) {
 int render_class(WINK* w, std::string& page) {
     const int domainid = input_id(w, "domainid");
     const int classid = input_id(w, "classid");
-    IniHandlePtr h = mgr_inihandle(w, domainid);
+    // Without a class id the page would show (and a save write) the domain's table as a class.
+    IniHandlePtr h = web_input(w, "classid").empty() ? nullptr : mgr_inihandle(w, domainid);
     if (!h) {
         web_var_add(w, "server_message",
                     strfmt("There is no class %d in domain %d: it may have been deleted.", classid, domainid));

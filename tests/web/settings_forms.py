@@ -304,6 +304,7 @@ class DomainsAndClasses(unittest.TestCase):
         page = post(changed(form_of("cmd=domain&domainid=0"), domainid="12", cmd_domain_save="1"))
         self.assertIn("nothing was written", page)
         self.assertIn("There is no class 9 in domain 0", get("cmd=class&domainid=0&classid=9"))
+        self.assertIn("There is no class", get("cmd=class&domainid=0"))
         self.assertEqual(ini(), before)
         # Thousands of fields: the save reads only its own.
         junk = [("junk_%d" % i, "x") for i in range(5000)]
