@@ -145,7 +145,7 @@ void mgr_log(WINK* w) {
         }
         h += "</pre>\n";
     }
-    tcp_write(w->c, h.data(), static_cast<int>(h.size()));
+    web_out(w, h);
 }
 
 }  // namespace korv

@@ -22,7 +22,7 @@ int chosen(const WINK* w) {
     return atoi(v.c_str());
 }
 
-void emit(WINK* w, const std::string& h) { tcp_write(w->c, h.data(), static_cast<int>(h.size())); }
+void emit(WINK* w, const std::string& h) { web_out(w, h); }
 
 }  // namespace
 

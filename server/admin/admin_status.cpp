@@ -98,7 +98,7 @@ std::string mgr_status_html() {
 
 void mgr_status(WINK* w) {
     std::string h = mgr_status_html();
-    tcp_write(w->c, h.data(), static_cast<int>(h.size()));
+    web_out(w, h);
 }
 
 int mgr_cmd_status(WINK* w) { return mgr_show(w, "status.htm"); }

@@ -210,7 +210,7 @@ void mgr_do_user_list(WINK* w) {
         h += "</tr>\n";
     }
     h += "</table>\n";
-    tcp_write(w->c, h.data(), static_cast<int>(h.size()));
+    web_out(w, h);
 }
 
 }  // namespace korv

@@ -16,6 +16,7 @@
 #include "net/ssltcp.h"
 #include "net/tcp.h"
 #include "net/tls.h"
+#include "server/admin/settings_pages.h"
 #include "server/process/korv.h"
 #include "server/session/link.h"
 #include "server/session/threadlist.h"
@@ -79,12 +80,11 @@ struct Out {
 using Handler = int (*)(WINK*);
 
 int show_top(WINK* w) { return mgr_cmd_domain(w); }
+int show_tree(WINK* w) { return mgr_show(w, "top.htm"); }
 int show_status(WINK* w) { return mgr_cmd_status(w); }
 
-int notyet_settings(WINK* w) { return mgr_notyet(w, "The settings pages"); }
 int notyet_mirrors(WINK* w) { return mgr_notyet(w, "Mirroring"); }
-int notyet_help(WINK* w) { return mgr_notyet(w, "The manual"); }
-int notyet_dump(WINK* w) { return mgr_notyet(w, "The settings dump"); }
+int show_help(WINK* w) { return my_web_show_help(w, "/korvane/manual/index.htm"); }
 
 struct GetRoute {
     const char* cmd;
@@ -94,21 +94,21 @@ struct GetRoute {
 
 const GetRoute kGetRoutes[] = {
     {"domain", show_top, nullptr},
-    {"domain_add", notyet_settings, nullptr},
-    {"global", notyet_settings, "global_pressed"},
-    {"class", notyet_settings, nullptr},
-    {"class_add", notyet_settings, nullptr},
+    {"domain_add", mgr_cmd_domain, nullptr},
+    {"global", mgr_cmd_global, "global_pressed"},
+    {"class", mgr_cmd_class, nullptr},
+    {"class_add", mgr_cmd_class, nullptr},
     {"mirrors", notyet_mirrors, "mirrors_pressed"},
     {"mirror", notyet_mirrors, "mirrors_pressed"},
     {"mirror_add", notyet_mirrors, "mirrors_pressed"},
     {"graph", mgr_graph, "graph_pressed"},
-    {"help", notyet_help, nullptr},
+    {"help", show_help, nullptr},
     {"log", mgr_cmd_log, "log_pressed"},
     {"onoff", mgr_cmd_onoff, "onoff_pressed"},
     {"report_file", mgr_cmd_report, "report_pressed"},
     {"status", show_status, "status_pressed"},
     {"user_admin", mgr_cmd_user_admin, "users_pressed"},
-    {"dump", notyet_dump, nullptr},
+    {"dump", mgr_cmd_dump, nullptr},
 };
 
 int user_save(WINK* w) { return mgr_cmd_user_save(w, 0); }
@@ -128,14 +128,14 @@ const PostRoute kPostRoutes[] = {
     {"cmd_stop", mgr_cmd_stop, "onoff_pressed"},
     {"cmd_start", mgr_cmd_start, "onoff_pressed"},
     {"cmd_restart", mgr_cmd_restart, "onoff_pressed"},
-    {nullptr, notyet_dump, nullptr},
-    {"cmd_class_delete", notyet_settings, nullptr},
-    {"cmd_class_save", notyet_settings, nullptr},
-    {"cmd_global_save", notyet_settings, "global_pressed"},
+    {nullptr, mgr_cmd_dump, nullptr},
+    {"cmd_class_delete", mgr_cmd_class_delete, nullptr},
+    {"cmd_class_save", mgr_cmd_class_save, nullptr},
+    {"cmd_global_save", mgr_cmd_global_save, "global_pressed"},
     {"cmd_domain", show_top, nullptr},
-    {"cmd_domain_save", notyet_settings, nullptr},
-    {"cmd_domain_delete", notyet_settings, nullptr},
-    {"cmd_domains", show_top, nullptr},
+    {"cmd_domain_save", mgr_cmd_domain_save, nullptr},
+    {"cmd_domain_delete", mgr_cmd_domain_delete, nullptr},
+    {"cmd_domains", show_tree, nullptr},
     {"cmd_ereport_delete", mgr_cmd_report_remove, "report_pressed"},
     {"cmd_ereport_send", mgr_cmd_report_send, "report_pressed"},
     {"cmd_mirrors", notyet_mirrors, "mirrors_pressed"},
@@ -144,14 +144,14 @@ const PostRoute kPostRoutes[] = {
     {"cmd_mirror_retry", notyet_mirrors, "mirrors_pressed"},
     {"cmd_mirror_delete", notyet_mirrors, "mirrors_pressed"},
     {"cmd_status", show_status, "status_pressed"},
-    {"cmd_dump", notyet_dump, nullptr},
+    {"cmd_dump", mgr_cmd_dump, nullptr},
     {"cmd_log", mgr_cmd_log, "log_pressed"},
     {"cmd_add_report", mgr_cmd_report_add, "report_pressed"},
     {"cmd_report", mgr_cmd_report, "report_pressed"},
     {"cmd_graph", mgr_graph, "graph_pressed"},
-    {"cmd_global", notyet_settings, "global_pressed"},
-    {"cmd_misc", notyet_settings, "global_pressed"},
-    {"cmd_search_help", notyet_help, nullptr},
+    {"cmd_global", mgr_cmd_global, "global_pressed"},
+    {"cmd_misc", mgr_cmd_global, "global_pressed"},
+    {"cmd_search_help", mgr_cmd_search_help, nullptr},
     {"cmd_user_admin", mgr_cmd_user_admin, "users_pressed"},
     {"cmd_user_lookup", mgr_cmd_user_lookup, "users_pressed"},
     {"cmd_user_save", user_save, "users_pressed"},
@@ -177,9 +177,14 @@ void get_path(WINK* w, const std::string& cmd) {
     }
     set_thread_name(w, THREAD_ID_STRING_WEB_ADMIN);
     // Only six characters decide, so /helpme is a manual page too.
-    if (w->cgi.compare(0, 6, "/help/") == 0 || w->cgi.compare(0, 6, "/korvane/", 0, 6) == 0) {
+    if (w->cgi.compare(0, 6, "/help/") == 0) {
         web_http_header(w);
-        notyet_help(w);
+        show_help(w);
+        return;
+    }
+    if (w->cgi.compare(0, 6, "/korvane/", 0, 6) == 0) {
+        web_http_header(w);
+        my_web_show_help(w, w->cgi.c_str());
         return;
     }
     web_http_header(w);
@@ -395,6 +400,7 @@ void mgr_add_web_callbacks() {
     web_callback_add("do_user_list", mgr_do_user_list);
     web_callback_add("do_email_report_list", mgr_do_email_report_list);
     web_callback_add("report_domain_options", mgr_do_report_domain_options);
+    mgr_add_settings_callbacks();
 }
 
 namespace {

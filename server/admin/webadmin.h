@@ -77,7 +77,7 @@ int admin_domain_index(const WINK* w);
 void mgr_do_domain_tree(WINK* w);
 int mgr_cb_domains(WINK* w, const std::string& unit, const WEB_CB_MAPPINGS* mappings, const char* filename);
 int is_anon_class_in_this_domain(WINK* w);
-int mgr_cmd_domain(WINK* w);
+int mgr_cmd_domain(WINK* w);  // settings_domain.cpp
 
 // Status, log and graph.
 void mgr_status(WINK* w);
@@ -91,6 +91,9 @@ inline constexpr int kLogLinesMax = 5000;
 std::vector<std::string> admin_tail_lines(const char* path, int n);
 int mgr_graph(WINK* w);
 void mgr_do_graph(WINK* w);
+struct TRAFFIC_MINUTE;
+// The bytes per minute of `series` as an SVG bar chart (downloads and uploads).
+std::string traffic_svg(const std::vector<TRAFFIC_MINUTE>& series);
 
 // Server control.
 int mgr_cmd_onoff(WINK* w);

@@ -96,7 +96,7 @@ void mgr_do_domain_tree(WINK* w) {
         }
         html += t[9];
     }
-    tcp_write(w->c, html.data(), static_cast<int>(html.size()));
+    web_out(w, html);
 }
 
 // Per domain: list_domainid, list_domain (its name, or "Domain N") and
@@ -121,6 +121,5 @@ int is_anon_class_in_this_domain(WINK*) {
     return 0;
 }
 
-int mgr_cmd_domain(WINK* w) { return mgr_show(w, "top.htm"); }
 
 }  // namespace korv

@@ -68,6 +68,7 @@ struct WINK {
     std::string client_ip;        // numeric address of the client, set by mgr_main
     std::string auth_user;        // the admin user name presented, for logs (never the password)
     LINK* p1 = nullptr;           // the owning LINK; argument of the page callbacks
+    std::string* sink = nullptr;  // when set, pages render into it instead of the connection
     // Template skip state, per request (the engine never shares it between requests).
     int ifskip = 0;
     int nif = 0;

@@ -168,8 +168,7 @@ Go show_piece(WINK* l, std::string_view piece, const WEB_CB_MAPPINGS* mappings, 
     std::string out;
     web_var_replace(l, piece, out, kTplPieceOut - 1);
     if (out.empty()) return Go::On;
-    return tcp_write(l->c, out.data(), static_cast<int>(out.size())) == static_cast<int>(out.size()) ? Go::On
-                                                                                                   : Go::Failed;
+    return web_out(l, out) ? Go::On : Go::Failed;
 }
 
 // Literal text up to a bar, then from the bar to a blank, '<' or '>'.
@@ -220,8 +219,7 @@ Go show_file(WINK* l, const char* fname, const WEB_CB_MAPPINGS* mappings) {
     std::unique_ptr<FILE, FileClose> f(std::fopen(path.c_str(), "r"));
     if (!f) {
         std::string text = strfmt("HTTP/1.0 550 Sorry, no such template (%.200s)\r\n\r\nNo such template\r\n", path.c_str());
-        return tcp_write(l->c, text.data(), static_cast<int>(text.size())) == static_cast<int>(text.size()) ? Go::On
-                                                                                                         : Go::Failed;
+        return web_out(l, text) ? Go::On : Go::Failed;
     }
     char line[kTplReadLine + 1];
     while (std::fgets(line, sizeof line, f.get()) != nullptr) {
@@ -246,6 +244,23 @@ std::string web_file(std::string_view fname) {
         dir = web_dir;
     }
     return strfmt("%.200s/%.*s", dir.c_str(), static_cast<int>(std::min<size_t>(fname.size(), 100)), fname.data());
+}
+
+int web_out(WINK* l, std::string_view bytes) {
+    if (l->sink != nullptr) {
+        l->sink->append(bytes);
+        return 1;
+    }
+    if (l->c == nullptr) return 0;
+    return tcp_write(l->c, bytes.data(), static_cast<int>(bytes.size())) == static_cast<int>(bytes.size()) ? 1 : 0;
+}
+
+int web_showfile_to(WINK* l, const char* fname, const WEB_CB_MAPPINGS* mappings, std::string& out) {
+    std::string* before = l->sink;
+    l->sink = &out;
+    int r = web_showfile(l, fname, mappings);
+    l->sink = before;
+    return r;
 }
 
 int web_showfile(WINK* l, const char* fname, const WEB_CB_MAPPINGS* mappings) {

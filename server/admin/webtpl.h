@@ -36,6 +36,13 @@ inline constexpr int kTplReadLine = 998;    // each fgets of a page file
 void web_set_dir(std::string_view dir);
 std::string web_file(std::string_view fname);
 
+// Writes page bytes: into l->sink when one is set, else to the connection.
+// 1, or 0 when the write failed.
+int web_out(WINK* l, std::string_view bytes);
+// Renders a page into `out` instead of the connection, so that a page made
+// under a lock can be sent after it is released.
+int web_showfile_to(WINK* l, const char* fname, const WEB_CB_MAPPINGS* mappings, std::string& out);
+
 int web_showfile(WINK* l, const char* fname, const WEB_CB_MAPPINGS* mappings);
 int web_showfile_first(WINK* l, const char* fname, const WEB_CB_MAPPINGS* mappings);
 int web_show_line(WINK* l, std::string_view bf, const WEB_CB_MAPPINGS* mappings, const char* filename);

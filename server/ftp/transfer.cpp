@@ -30,6 +30,7 @@
 #include "server/ftp/speed.h"
 #include "server/ftp/transfer_ascii.h"
 #include "server/session/link.h"
+#include "server/session/traffic.h"
 #include "server/settings/ini.h"
 #include "server/vfs/home.h"
 #include "server/vfs/quota.h"
@@ -450,6 +451,7 @@ int cmd_retr(LINK* l, char** p, int, const char*) {
   }
   ftp_end_datachan(l);
   xlog(l, "%s", xfer_line(l, time(nullptr) - started, tot, realname, "o", run.status == nullptr).c_str());
+  traffic_add("o", tot, time(nullptr));
   set_state(l, V, virt, "dataclosed");
   return 1;
 }
@@ -691,6 +693,7 @@ int cmd_stor_do(LINK* l, const char* fname, int isunique) {
       cmd_write(l, "226 Transfer complete. %.500s\r\n", fname);
   }
   xlog(l, "%s", xfer_line(l, time(nullptr) - started, filesize, realname, "i", run.status == nullptr).c_str());
+  traffic_add("i", filesize, time(nullptr));
   dmsg("stor - finished cmd\n");
   return 1;
 }

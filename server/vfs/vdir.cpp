@@ -92,6 +92,8 @@ int vdir_aliases(Link* l, std::string& virt, std::string& result, DIRRULES* rule
       vdir_path_alias_ini_p(p, real, l, 1);
       vdir_apply_tilde(l, alias, alias);
       vdir_fixslash_show(l, alias);
+      // The web editor stores aliases as "/pub/": the same rule as "/pub".
+      while (alias.size() > 1 && is_sep(alias.back())) alias.pop_back();
       size_t m = alias.size();
       if (m < 1 || virt.compare(0, m, alias) != 0) continue;
       // "/pub" covers "/pub" and "/pub/x", never "/public". A one-letter alias

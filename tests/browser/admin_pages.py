@@ -243,9 +243,96 @@ class AdminInBrowser(unittest.TestCase):
         with p.phone():
             p.shoot("class_phone")
 
+    def by_name(self, name):
+        from selenium.webdriver.common.by import By
+        return self.person.driver.find_element(By.NAME, name)
+
+    def set_box(self, name, on):
+        box = self.by_name(name)
+        if box.is_selected() != on:
+            box.click()
+
+    def fetch(self, path):
+        """Downloads `path` as the FTP user: its bytes and the seconds it took."""
+        got = []
+        with ftp_login(FTP_USER, FTP_PASSWORD) as f:
+            started = time.monotonic()
+            f.retrbinary("RETR " + path, got.append)
+            return b"".join(got), time.monotonic() - started
+
+    def test_g2_class_speed_limit_and_path_rule(self):
+        """A path added and a speed limit set through the class form; a real
+        download proves both, and unticking read takes the path away again."""
+        shared = SERVER.path("shared")
+        os.makedirs(shared, exist_ok=True)
+        data = bytes(range(256)) * 24  # 6 KB: about three seconds at 2 KB/s
+        with open(os.path.join(shared, "notes.bin"), "wb") as f:
+            f.write(data)
+        p = self.settings_page("cmd=class&domainid=0&classid=0", "the class page")
+        rows = [e.get_attribute("name") for e in p.driver.find_elements("css selector", "input[name^='path_']")]
+        new_row = rows[-1][len("path_"):]  # the empty row at the end adds a path
+        self.by_name("alias_" + new_row).send_keys("/shared")
+        self.by_name("path_" + new_row).send_keys(shared)
+        self.set_box("read_" + new_row, True)
+        self.set_box("write_" + new_row, False)
+        p.type("Download speed", "2k bytes per second")
+        p.shoot("class_edit")
+        p.press("Save class")
+        self.assertReadable("class after save")
+        self.assertEqual(p.field("Download speed").get_attribute("value"), "2k bytes per second")
+        self.assertEqual(self.by_name("alias_" + new_row).get_attribute("value"), "/shared/")
+        with open(SERVER.path("korvane.ini")) as f:
+            ini = f.read()
+        self.assertIn('limit_speed "2k bytes per second"', ini)
+        self.assertIn('dir alias="/shared/" path="%s" read="true" write="false"' % shared, ini)
+        body, seconds = self.fetch("/shared/notes.bin")
+        self.assertEqual(body, data)
+        # The limit holds the average: 6 KB at 2 KB a second cannot come in under 1.5 s.
+        self.assertGreaterEqual(seconds, 1.5, "the download was held to the class's limit")
+        # Read taken away, limit lifted: the same download is refused.
+        p.open("cmd=class&domainid=0&classid=0")
+        self.set_box("read_" + new_row, False)
+        p.type("Download speed", "Unlimited")
+        p.press("Save class")
+        with self.assertRaises(ftplib.error_perm):
+            self.fetch("/shared/notes.bin")
+        # The row is deleted by emptying its path.
+        self.by_name("path_" + new_row).clear()
+        p.press("Save class")
+        with open(SERVER.path("korvane.ini")) as f:
+            self.assertNotIn("/shared/", f.read())
+
+    def test_g3_new_domain_and_class_editors(self):
+        p = self.settings_page("cmd=domain_add&domainid=-1", "the new domain page")
+        p.type("Name", "browser.example")
+        p.type("Local address", "127.0.0.77")
+        p.shoot("domain_new")
+        p.press("Save domain")
+        self.assertEqual(p.field("Name").get_attribute("value"), "browser.example")
+        p.go("Add a class")
+        self.assertReadable("new class")
+        p.type("Class name", "Visitors")
+        p.shoot("class_new")
+        p.press("Save class")
+        self.assertEqual(p.field("Class name").get_attribute("value"), "Visitors")
+        p.press("Delete class")
+        self.assertNotIn("Visitors", p.text())
+        p.press("Delete domain")
+        self.assertNotIn("browser.example", p.text())
+        # A refused value names its field and writes nothing.
+        with open(SERVER.path("korvane.ini"), "rb") as f:
+            before = f.read()
+        p = self.settings_page("cmd=global", "the global settings page")
+        p.type("Mail server", 'mail"server')
+        p.press("Save settings")
+        self.assertIn("The field global_smtp holds a double quote", p.text())
+        p.shoot("global_refused")
+        with open(SERVER.path("korvane.ini"), "rb") as f:
+            self.assertEqual(f.read(), before)
+
     def test_h_graph_mirrors_reports_manual(self):
         for query, heading in (("cmd=graph", "Graph"), ("cmd=mirrors", "Mirrors"), ("cmd=report_file", "Reports"),
-                               ("cmd=help", "Manual")):
+                               ("cmd=help", "Manual"), ("cmd=dump", "Settings dump")):
             with self.subTest(query):
                 p = self.person
                 p.open(query)

@@ -132,7 +132,8 @@ TEST(Admin, PagesHeadsFilesAndControl) {
         {"graph", "<title>Korvane - Graph</title>"},
         {"onoff", "The FTP ports are open."},
         {"user_admin", "<title>Korvane - Users</title>"},
-        {"global", "is not part of the administration in this build yet"},
+        {"global", "<title>Korvane - Global settings</title>"},
+        {"dump", "global_settings"},
         {"mirrors", "Mirroring is not part"},
         {"report_file", "<title>Korvane - Reports</title>"},
         {"no_such_page", "<title>Korvane - Domains</title>"},
@@ -154,7 +155,8 @@ TEST(Admin, PagesHeadsFilesAndControl) {
         EXPECT_FALSE(has(r, "<script>")) << target << "\n" << r;
     }
     r = s.get("/help/index.htm");
-    EXPECT_TRUE(has(r, "The manual is not part")) << r;
+    EXPECT_TRUE(has(r, "<title>Korvane - Manual</title>")) << r;
+    EXPECT_TRUE(has(r, "id=\"set-global_port\"")) << r;
 
     // Static files, and names that try to leave the directory.
     const std::string css = slurp(KORV_SOURCE_DIR "/web/korvane.css");

@@ -37,7 +37,8 @@ GLOBAL_SETTINGS = {
     "global_anon_hammer_over_time", "global_anon_hammer_max", "global_anon_hammer_block_time", "global_con_perip",
     "global_total_users", "global_port", "global_mgr_port", "global_noclass", "global_mgr_ssl_port",
     "global_lookup_names", "global_only_unix", "global_restart", "global_nosymlink", "global_thread_reuse",
-    "global_log_flush", "unix_list", "global_ssl_disable_sslv2", "global_ssl_disable_tlsv1"}
+    "global_log_flush", "unix_list", "global_ssl_disable_sslv2", "global_ssl_disable_tlsv1", "global_login_error",
+    "global_nfs_impersonate", "global_nt_domain"}
 DOMAIN_FIELDS = {"name", "address", "deny", "email", "deny_msg", "domain_authent_process", "domain_authent_cmdopts",
                  "domain_authentication_prefix", "domain_authentication_suffix", "greetings", "log_max_age",
                  "loginfails", "passwd_check"}
@@ -58,10 +59,11 @@ REPORT_FORM = {"email", "frequency", "domain", "filter", "when_hr", "when_min", 
 PAGES = {
     "body.htm": {"vars": set()},
     "end.htm": {"vars": set()},
-    "table.htm": {"vars": set()},
+    "table.htm": {"vars": {"form_error", "form_error_field"}},
+    "dump.htm": {"gens": {"do_dump"}},
     "top.htm": {"gens": {"domain_tree"}},
     "index.htm": {"vars": {"search"}, "gens": {"setting_description"}},
-    "global.htm": {"vars": GLOBAL_SETTINGS | {"authent_name", "omauth_exe"}, "gens": {"known_auth_exe_list"},
+    "global.htm": {"vars": GLOBAL_SETTINGS | {"authent_name", "omauth_exe", "home"}, "gens": {"known_auth_exe_list"},
                    "checked": GLOBAL_SETTINGS},
     "domain.htm": {"vars": DOMAIN_FIELDS | {"passwd_0", "passwd_1", "passwd_2", "is_domain", "candelete"},
                    "gens": {"domain_option_list", "domain_auth_option_list"},
