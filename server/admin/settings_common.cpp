@@ -112,7 +112,7 @@ std::string settings_bad_field(const WINK* w, std::string_view multiline) {
         for (const PAIR* p = list->get(); p != nullptr; p = p->next.get()) {
             std::string_view v = p->val;
             bool ok = !multiline.empty() && p->var == multiline ? v.find_first_of(std::string_view("\"\0", 2)) == std::string_view::npos
-                                           : admin_value_ok(v) != 0;
+                                           : web_value_safe(v) != 0;
             if (!ok) return p->var.substr(0, 100);
         }
     }
