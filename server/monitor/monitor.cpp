@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,6 +81,30 @@ void end_hung_server() {
 }
 
 }  // namespace
+
+bool monitor_connect(Chan* c, const std::string& host, int port, int msecs, std::string& reason) {
+    if (port <= 0 || port > 65535) {
+        reason = "no port";
+        return false;
+    }
+    if (!tcp_open_timed(c, host.c_str(), static_cast<unsigned short>(port), nullptr, msecs)) {
+        reason = tcp_error(c);
+        return false;
+    }
+    int err = 0;
+    socklen_t len = sizeof err;
+    struct sockaddr_storage peer {};
+    socklen_t plen = sizeof peer;
+    const int fd = tcp_get_sockethandle(c);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+    if (err == 0 && getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &plen) != 0) err = errno;
+    if (err != 0) {
+        reason = errtext(err);
+        tcp_close(c);
+        return false;
+    }
+    return true;
+}
 
 MonitorState& monitor_state() {
     static MonitorState st;
@@ -176,15 +201,7 @@ std::vector<MonitorTarget> monitor_targets(const std::string& mon_ips_scan, int 
 int check_host_connection(const MonitorTarget& host, int ntry, std::string& response, std::string& reason) {
     response.clear();
     ChanPtr c = tcp_new_owned();
-    if (host.port <= 0 || host.port > 65535) {
-        reason = "no port";
-        return 0;
-    }
-    if (!tcp_open_timed(c.get(), host.host.c_str(), static_cast<unsigned short>(host.port), nullptr,
-                        kMonitorProbeWaitMs)) {
-        reason = tcp_error(c.get());
-        return 0;
-    }
+    if (!monitor_connect(c.get(), host.host, host.port, kMonitorProbeWaitMs, reason)) return 0;
     // One line; its content is not looked at, only that the server speaks.
     char buf[kMonitorGreetingMax + 1];
     while (static_cast<int>(response.size()) < kMonitorGreetingMax) {

@@ -190,11 +190,12 @@ int monitor_email(const char* smtp, const char* manager) {
         return 0;
     }
     ChanPtr c = tcp_new_owned();
-    if (!tcp_open_timed(c.get(), host.c_str(), static_cast<unsigned short>(port), nullptr, kSmtpConnectMs)) {
-        emsg("Could not open link to alert manager %s\n", tcp_error(c.get()).c_str());
+    std::string why;
+    if (!monitor_connect(c.get(), host, port, kSmtpConnectMs, why)) {
+        emsg("Could not open link to alert manager %s\n", why.c_str());
         tcp_close(c.get());
-        if (!tcp_open_timed(c.get(), host.c_str(), static_cast<unsigned short>(port), nullptr, kSmtpConnectMs)) {
-            emsg("Could not open link to alert manager - second time %s\n", tcp_error(c.get()).c_str());
+        if (!monitor_connect(c.get(), host, port, kSmtpConnectMs, why)) {
+            emsg("Could not open link to alert manager - second time %s\n", why.c_str());
             emsg_flush();
             return 0;
         }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "net/tcp.h"
+
 namespace korv {
 
 inline constexpr char kMonitorPlatform[] = "Linux64";
@@ -20,5 +22,9 @@ struct MonitorState {
 };
 
 MonitorState& monitor_state();
+
+// A connection within `msecs`, refused or not: the channel layer reports a
+// refusal only at the first read, and a probe or a relay needs to know now.
+bool monitor_connect(Chan* c, const std::string& host, int port, int msecs, std::string& reason);
 
 }  // namespace korv
