@@ -24,6 +24,12 @@ bool exists(const std::string& f) {
 
 std::string crash_name(int n) { return strfmt("crash%d.log", n); }
 
+bool same_file(const std::string& a, const char* b) {
+    struct stat sa {}, sb {};
+    return b != nullptr && stat(a.c_str(), &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 }  // namespace
 
 int crash_append_file(FILE* fout, const char* xname) {
@@ -79,7 +85,7 @@ std::string crash_record(const char* fname) {
     if (fname != nullptr && *fname) crash_append_file(f, fname);
     for (const char* suffix : {".log", "2.log", ".err"}) {
         std::string x = st.progname + suffix;
-        crash_append_file(f, x.c_str());
+        if (!same_file(x, fname)) crash_append_file(f, x.c_str());  // the given file is already there
     }
     crash_append_file(f, "mutex.log");
     crash_append_file(f, st.logname.c_str());
