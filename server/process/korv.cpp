@@ -315,6 +315,9 @@ int try_accept_connection_no_threads(Chan_List* itm) {
     return 0;
 }
 
+// Accept loops that have their ports open, for the READY=1 notice.
+static std::atomic<int> ready_loops{0};
+
 int listen_accept_handler(process_data* main_process_info, int* started_up_self_loop_checking, int do_ftp_channels) {
     const bool ftp = do_ftp_channels != 0;
     const int loop_lock = ftp ? MUTEX_LOOP : MUTEX_CHECK_LOOP;
@@ -415,7 +418,8 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
     int sigfd = sig_pipe_fd();
     if (!ftp) add_fd_to_wait(&wl, &sigfd, sig_dispatch_pending);
     imsg(ftp ? "Korvane is now ready for ftp connections\n" : "Korvane is now ready for web admin connections\n");
-    if (!ftp) korv_notify("READY=1");
+    // Ready for systemd once both loops listen (READY=1 again after an internal restart is harmless).
+    if (++ready_loops == 2) korv_notify("READY=1");
 
     if (!ftp) {
         main_thread_store_MainProcess(getpid(), THREAD_ID_MAIN_PROCESS, nullptr, time(nullptr));
@@ -483,6 +487,7 @@ int threaded_listen_accept_handler(void* p) {
 }
 
 int start_korv_main(process_data* main_process_info, int* started_up_self_loop_checking) {
+    ready_loops.store(0);
     auto info = std::make_unique<LAH_INFO>();
     info->main_process_info = main_process_info;
     info->started_up_self_loop_checking = started_up_self_loop_checking;
