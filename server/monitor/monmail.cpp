@@ -1,6 +1,7 @@
 // The monitor's mail to the manager: its own short SMTP exchange with the
-// relay (host or host:port), at most kMonitorMailsMax mails in a process,
+// relay (host or host:port; TLS when the relay offers STARTTLS), at most kMonitorMailsMax mails in a process,
 // with the tails of the logs dot-stuffed into the text.
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -10,6 +11,7 @@
 
 #include "base/fmt.h"
 #include "common/emsg.h"
+#include "net/tls.h"
 #include "server/monitor/monitor.h"
 #include "server/monitor/monstate.h"
 
@@ -23,9 +25,12 @@ constexpr int kSmtpConnectMs = 20000;
 
 int mails_sent = 0;
 
-// One whole reply (the last line "ddd "); its code, or 0 on a silent or broken relay.
-int smtp_reply(Chan* c) {
-    std::string got;
+// One whole reply (the last line "ddd "); its code, or 0 on a silent or broken
+// relay. `text` receives the reply's lines.
+int smtp_reply(Chan* c, std::string* text = nullptr) {
+    std::string local;
+    std::string& got = text != nullptr ? *text : local;
+    got.clear();
     char buf[1024];
     for (;;) {
         size_t start = 0;
@@ -51,6 +56,27 @@ bool smtp_say(Chan* c, const std::string& line) {
         return false;
     }
     return true;
+}
+
+// EHLO, and TLS when the relay offers STARTTLS (its certificate is not
+// checked: relays on a LAN are often self-signed); HELO for a relay that
+// does not know EHLO.
+bool smtp_hello(Chan* c, const std::string& host) {
+    const std::string ehlo = strfmt("EHLO %s\r\n", host.c_str());
+    if (tcp_write(c, ehlo.data(), static_cast<int>(ehlo.size())) < 1) return false;
+    std::string text;
+    int code = smtp_reply(c, &text);
+    if (code == 0) return false;
+    if (code != 250) return smtp_say(c, strfmt("HELO %s\r\n", host.c_str()));
+    for (char& ch : text) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+    if (text.find("STARTTLS") == std::string::npos) return true;
+    if (!smtp_say(c, "STARTTLS\r\n")) return false;
+    std::string why;
+    if (SSLTcp_StartSSL(c->tcp.get(), nullptr, 0, why) != 1) {
+        emsg("Mail relay TLS failed: %s\n", why.c_str());
+        return false;
+    }
+    return smtp_say(c, ehlo);
 }
 
 bool split_relay(const char* smtp, std::string& host, int& port) {
@@ -100,7 +126,7 @@ bool monitor_exchange(Chan* c, const char* manager) {
         emsg("Mail relay did not greet\n");
         return false;
     }
-    if (!smtp_say(c, strfmt("HELO %s\r\n", host.c_str()))) return false;
+    if (!smtp_hello(c, host)) return false;
     if (!smtp_say(c, strfmt("MAIL FROM:<postmaster@%s>\r\n", host.c_str()))) return false;
     int accepted = 0;
     for (const std::string& a : to)

@@ -3,12 +3,13 @@
 One scenario per run (the CTest entries run them side by side):
   kill     SIGKILL of the server: a new server answers, crash1.log holds the
            logs, and the manager's mail reaches an SMTP server on loopback
-           with the log's lines dot-stuffed through and both recipients.
+           (over STARTTLS) with the log's lines dot-stuffed through and both
+           recipients.
   lockup   a server that accepts but never greets (-debug lockup_now) is
            ended and restarted; a relay that is down is logged, not fatal.
   deadlock a lock held for ever (-debug mutex_loop) ends in the lock report
-           (the lock limit shortened through KORV_TEST_LOCK_SECONDS) and a
-           restart.
+           (the lock limit shortened through KORV_TEST_LOCK_SECONDS), a
+           restart, and a mail in clear to a relay without STARTTLS.
   notify   under a service manager (NOTIFY_SOCKET, in the foreground): READY=1,
            WATCHDOG=1 from the idle tick, STOPPING=1 at SIGTERM; no monitor.
   stop     -stop and SIGTERM end the server and, through mon.exit, its
@@ -70,24 +71,38 @@ def read(path):
 
 
 class Relay:
-    """A real SMTP server on loopback that keeps what it receives."""
+    """A real SMTP server on loopback that keeps what it receives (recipients,
+    text, whether it came over TLS); with `tls` it offers STARTTLS with a
+    self-signed certificate."""
 
-    def __init__(self):
+    def __init__(self, tls=False):
         from aiosmtpd.controller import Controller
         self.messages = []
+        self.dir = tempfile.mkdtemp(prefix="korv-relay-")
         outer = self
 
         class Handler:
             async def handle_DATA(self, server, session, envelope):
-                outer.messages.append((envelope.rcpt_tos, envelope.content.decode("utf-8", "replace")))
+                outer.messages.append((envelope.rcpt_tos, envelope.content.decode("utf-8", "replace"),
+                                       session.ssl is not None))
                 return "250 OK"
 
+        kw = {}
+        if tls:
+            import ssl
+            key, cert = os.path.join(self.dir, "key.pem"), os.path.join(self.dir, "cert.pem")
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=relay",
+                            "-days", "1", "-keyout", key, "-out", cert], check=True, capture_output=True)
+            ctx = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+            ctx.load_cert_chain(cert, key)
+            kw = {"tls_context": ctx, "require_starttls": False}
         self.port = harness.free_port()
-        self.controller = Controller(Handler(), hostname="127.0.0.1", port=self.port)
+        self.controller = Controller(Handler(), hostname="127.0.0.1", port=self.port, **kw)
         self.controller.start()
 
     def stop(self):
         self.controller.stop()
+        shutil.rmtree(self.dir, ignore_errors=True)
 
 
 class Daemon:
@@ -215,7 +230,7 @@ class Watchdog(unittest.TestCase):
         return h
 
     def test_kill(self):
-        self.relay = Relay()
+        self.relay = Relay(tls=True)
         h = self.home(relay_port=self.relay.port)
         old = h.start()
         os.kill(old, signal.SIGKILL)
@@ -242,7 +257,8 @@ class Watchdog(unittest.TestCase):
         f.quit()
         self.assertEqual(b"".join(got), b"watched\n")
         self.assertTrue(wait_for(lambda: self.relay.messages, 30), "no mail\n" + h.logs())
-        rcpts, text = self.relay.messages[0]
+        rcpts, text, tls = self.relay.messages[0]
+        self.assertTrue(tls, "the relay offered STARTTLS")
         self.assertEqual(sorted(rcpts), ["deputy@example.com", "manager@example.com"])
         self.assertIn("Restarting Server 1 times so far", text)
         self.assertIn("has restarted", text)
@@ -277,8 +293,8 @@ class Watchdog(unittest.TestCase):
         self.assertTrue(alive(h.pid("monitor.pid")))
 
     def test_deadlock(self):
-        down = harness.free_port()
-        h = self.home(relay_port=down, debug=True, env={"KORV_TEST_LOCK_SECONDS": "4"})
+        self.relay = Relay()
+        h = self.home(relay_port=self.relay.port, debug=True, env={"KORV_TEST_LOCK_SECONDS": "4"})
         old = h.start()
         h.admin("mutex_loop")
         self.assertTrue(wait_for(lambda: not alive(old), 30), "the lock limit did not end the server\n" + h.logs())
@@ -287,6 +303,10 @@ class Watchdog(unittest.TestCase):
         record = read(h.path("crash1.log"))
         self.assertIn("Cannot get mutex, fatal problem, dieing", record)
         self.assertIn("LOOP", record)
+        # A relay without STARTTLS gets the mail in clear.
+        self.assertTrue(wait_for(lambda: self.relay.messages, 30), "no mail\n" + h.logs())
+        self.assertFalse(self.relay.messages[0][2])
+        self.assertIn("Cannot get mutex", self.relay.messages[0][1])
 
     def test_stop(self):
         relay = harness.free_port()
