@@ -17,9 +17,11 @@ endif()
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/web/ DESTINATION ${KORV_SHARE}/web)
 install(FILES ${CMAKE_SOURCE_DIR}/config/korvane.ini DESTINATION ${KORV_SHARE} RENAME korvane.ini.example)
 install(FILES ${CMAKE_SOURCE_DIR}/doc/korvane.8 ${CMAKE_SOURCE_DIR}/doc/omauth.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-# The settings' manual page comes from the settings table when that generator is part of the build.
+# The settings' manual page comes from the settings table when that generator
+# is part of the build; with it come the manual's plain HTML pages.
 if(TARGET korvane_man)
   install(FILES ${CMAKE_BINARY_DIR}/doc/korvane.ini.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+  install(DIRECTORY ${CMAKE_BINARY_DIR}/doc/manual/ DESTINATION ${KORV_SHARE}/manual OPTIONAL)
 endif()
 
 # The unit names the installed program, so it is written at install time,
