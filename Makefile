@@ -8,7 +8,7 @@ FUZZ_SECONDS ?= 60
 JOBS        ?= $(shell nproc)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: all build test asan fuzz demo clean bootstrap
+.PHONY: all build test asan fuzz demo clean bootstrap install uninstall deb
 
 all: build
 
@@ -53,6 +53,21 @@ demo: build
 .PHONY: bench
 bench: build
 	./bench/compare.sh $(BUILD)
+
+# Installation: the programs in $(PREFIX)/sbin, the pages and manual pages under
+# $(PREFIX)/share, the systemd unit, a first /etc/korvane.ini (never replaced)
+# and the home /var/lib/korvane, all under $(DESTDIR) when it is set.
+PREFIX ?= /usr/local
+
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix $(PREFIX)
+
+uninstall:
+	DESTDIR="$(DESTDIR)" ./scripts/uninstall $(BUILD) $(PREFIX)
+
+# The Debian package, checked by lintian: $(BUILD)/deb/korvane_<version>_<arch>.deb.
+deb: build
+	./scripts/mkdeb $(BUILD) $(BUILD)/deb
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -65,7 +65,7 @@ const OptionHelp kOptionHelp[] = {
     {"-port N", "the FTP port when the settings give no global_port"},
     {"-debug", "allow the diagnostic commands of the admin pages"},
     {"-nothreads", "accepted; no effect"},
-    {"-monitor PID", "run as the monitor of server PID (not in this build)"},
+    {"-monitor PID", "run as the monitor of server PID (the server starts it)"},
     {"-smtp HOST", "the mail relay of the monitor's reports"},
     {"-manager ADDRESS", "the address the monitor's reports go to"},
     {"-ip_to_scan ADDRESS", "the address the monitor checks"},
@@ -77,7 +77,7 @@ const OptionHelp kOptionHelp[] = {
     {"-user NAME", "with -password: the admin user name (default admin)"},
     {"-output_web_files DIR", "write the main admin pages into DIR/web and exit"},
     {"-addsvc", "accepted; no effect on this system"},
-    {"-restart", "accepted; no effect"},
+    {"-restart", "(with -monitor) check the server and restart it"},
     {"-help, --help, -h", "print this text and exit"},
 };
 
@@ -151,7 +151,9 @@ void korv_parse_args(int argc, char** argv, KorvOptions& o) {
             o.nodetach = 1;
         } else if (a == "-stop") {
             o.stopit = 1;
-        } else if (a == "-addsvc" || a == "-restart") {
+        } else if (a == "-restart") {
+            o.mon_restart = 1;  // a monitor checks and restarts; a server ignores it
+        } else if (a == "-addsvc") {
             // accepted; nothing to do on this platform
         } else {
             wrong("unknown option " + a);

@@ -18,6 +18,7 @@ struct KORV_OPTIONS {
     std::string mon_smtp;
     std::string mon_manager;
     std::string mon_ip_scan;
+    int mon_restart = 0;  // -restart: the monitor checks the server and restarts it
     int nothreads = 0;
     int debug = 0;
     int nodetach = 0;

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include "server/ftp/daily.h"
 #include "server/ftp/plog.h"
 #include "server/process/control.h"
+#include "server/process/watch.h"
 #include "server/settings/ini.h"
 #include "server/vfs/home.h"
 #include "server/vfs/vdir_path.h"
@@ -81,6 +83,12 @@ bool is_sanitized() {
 #endif
 }
 
+// The last time the Self Diagnostic thread got both loop locks; 0 before it starts.
+std::atomic<time_t> self_loop_last{0};
+// A Self Diagnostic pass older than this means a stuck loop: the service
+// manager is no longer told that the server lives.
+constexpr time_t kSelfLoopStaleSeconds = 10;
+
 }  // namespace
 
 int korv_idle(process_data* main_process_info) {
@@ -91,6 +99,8 @@ int korv_idle(process_data* main_process_info) {
     time_t now = time(nullptr);
     if (now - last_files > kIdleFileCheckSeconds) {
         last_files = now;
+        const time_t seen = self_loop_last.load();
+        if (seen == 0 || now - seen < kSelfLoopStaleSeconds) korv_notify("WATCHDOG=1");
         int only_unix = ini_true(nullptr, INI_GLOBAL_ONLY_UNIX);
         vdir_only_unix_slash(only_unix);
         home_only_unix_slash(only_unix);
@@ -248,6 +258,7 @@ int self_loop_checking(void*) {
         step();
         mutex_wait(MUTEX_LOOP);
         mutex_release(MUTEX_LOOP);
+        self_loop_last.store(time(nullptr));
     }
     return 1;
 }

@@ -3,6 +3,8 @@
 #include "server/process/korv.h"
 
 #include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,6 +34,7 @@
 #include "server/process/idle.h"
 #include "server/process/password.h"
 #include "server/process/starter.h"
+#include "server/process/watch.h"
 #include "server/session/link.h"
 #include "server/session/threadlist.h"
 #include "server/settings/ini.h"
@@ -246,6 +249,7 @@ int korv_stopftp(const char* reason) {
 
 int korvane_shutdown(const char* reason) {
     emsg("Shutdown called - %s\n", reason);
+    korv_notify("STOPPING=1");
     shutdown_now.store(1);
     korv_wake_loops();
     return 1;
@@ -317,6 +321,9 @@ int try_accept_connection_no_threads(Chan_List* itm) {
     link_free(&l);
     return 0;
 }
+
+// Accept loops that have their ports open, for the READY=1 notice.
+static std::atomic<int> ready_loops{0};
 
 int listen_accept_handler(process_data* main_process_info, int* started_up_self_loop_checking, int do_ftp_channels) {
     const bool ftp = do_ftp_channels != 0;
@@ -418,6 +425,8 @@ int listen_accept_handler(process_data* main_process_info, int* started_up_self_
     int sigfd = sig_pipe_fd();
     if (!ftp) add_fd_to_wait(&wl, &sigfd, sig_dispatch_pending);
     imsg(ftp ? "Korvane is now ready for ftp connections\n" : "Korvane is now ready for web admin connections\n");
+    // Ready for systemd once both loops listen (READY=1 again after an internal restart is harmless).
+    if (++ready_loops == 2) korv_notify("READY=1");
 
     if (!ftp) {
         main_thread_store_MainProcess(getpid(), THREAD_ID_MAIN_PROCESS, nullptr, time(nullptr));
@@ -485,6 +494,7 @@ int threaded_listen_accept_handler(void* p) {
 }
 
 int start_korv_main(process_data* main_process_info, int* started_up_self_loop_checking) {
+    ready_loops.store(0);
     auto info = std::make_unique<LAH_INFO>();
     info->main_process_info = main_process_info;
     info->started_up_self_loop_checking = started_up_self_loop_checking;
@@ -499,6 +509,25 @@ int start_korv_main(process_data* main_process_info, int* started_up_self_loop_c
 }
 
 namespace {
+
+std::string config_abs;  // the configuration read, as an absolute path
+
+MonitorStart monitor_start(const std::string& home) {
+    MonitorStart m;
+    char exe[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    m.prog = n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string("korvane");
+    m.config = config_abs;
+    m.port = port.load();
+    get_log_file_path(m.logname, strfmt("%.500s/%.200s", home.c_str(), "monitor.log").c_str());
+    get_log_file_path(m.mainlog, strfmt("%.500s/%.200s", home.c_str(), bin_file(".log").c_str()).c_str());
+    return m;
+}
+
+bool monitor_pid_is_stale() {
+    struct stat st {};
+    return stat("monitor.pid", &st) != 0 || time(nullptr) - st.st_mtime >= kMonitorPidFreshSeconds;
+}
 
 // The steps that run at each start and again at each internal restart; false
 // when main must return at once (a stop request, a missing home).
@@ -531,7 +560,16 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     korv_set_home(home.c_str());
     if (chdir(home.c_str()) != 0) emsg("Cannot change directory to %s\n", home.c_str());
     if (o.mon_pid > 0) {
-        printf("The monitor is not part of this build yet\n");
+        // This process is the monitor of server mon_pid.
+        MonitorStart m = monitor_start(home);
+        m.pid = o.mon_pid;
+        m.smtp = o.mon_smtp;
+        m.manager = o.mon_manager;
+        m.ip_to_scan = o.mon_ip_scan;
+        m.isrestart = o.mon_restart;
+        // The default dispositions stay: a SIGTERM ends a monitor at once.
+        signal(SIGPIPE, SIG_IGN);
+        if (!korv_monitor_run(m)) printf("This build has no monitor\n");
         leave = 1;
         return 0;
     }
@@ -574,6 +612,17 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     if (FILE* f = fopen(bin_file(".pid").c_str(), "w")) {
         fprintf(f, "%d\n", th_pid());
         fclose(f);
+    }
+    // The monitor watches a detached server; a younger monitor.pid is a live monitor.
+    if (!o.nodetach && ini_true(nullptr, INI_GLOBAL_RESTART) && monitor_pid_is_stale()) {
+        MonitorStart m = monitor_start(home);
+        m.pid = th_pid();
+        const char* v;
+        m.smtp = (v = ini_get(nullptr, INI_GLOBAL_SMTP)) != nullptr ? v : "";
+        m.manager = (v = ini_get(nullptr, INI_EMAIL)) != nullptr ? v : "";
+        m.ip_to_scan = (v = ini_get(nullptr, INI_GLOBAL_BIND)) != nullptr ? v : "";
+        m.isrestart = 1;
+        korv_monitor_detach(m);
     }
     start_multi_auth_scenario();
     // The idle tick keeps these in step with the settings; set here so that
@@ -642,7 +691,11 @@ int korv_main(int argc, char** argv) {
             fprintf(stderr, "korvane: cannot read configuration %s: %s\n", config.c_str(), why.c_str());
             return 1;
         }
+        // The monitor and the servers it starts run in the home: they get the whole path.
+        char real[PATH_MAX];
+        config_abs = realpath(config.c_str(), real) != nullptr ? real : config;
     }
+    korv_test_lock_limit();
     const char* start_word = "Starting";
     reset_SSLTCP_SSLConfig(&my_main_sslconfig);
     reset_SSLTCP_SSLConfig(&my_webmgr_sslconfig);

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "common/mutex.h"
+
 namespace korv {
 
 SessionStarter::SessionStarter(StartFn fn) : fn_(fn), th_([this] { run(); }) {}
@@ -36,7 +38,12 @@ void SessionStarter::run() {
     Accepted a = std::move(q_.front());
     q_.pop_front();
     hold.unlock();
-    fn_(std::move(a));
+    {
+      // No session starts while the process changes its main state; a
+      // server stuck there accepts but never greets, which the monitor sees.
+      MutexHold main_state(MUTEX_MAIN);
+      fn_(std::move(a));
+    }
     hold.lock();
   }
 }

@@ -139,7 +139,7 @@ TEST(SecRules, ShippedAnonymousAreasAreReadOnly) {
       size_t end = ini.find('\n', at);
       ini.replace(at, end - at, std::string(word) + " \"" + port + "\"");
     }
-    replace_all(ini, "home \"/usr/local/korvane\"", "home \"@HOME@\"");
+    replace_all(ini, "home \"/var/lib/korvane\"", "home \"@HOME@\"");
     Server s(ini, 0);
     s.put("pub/hello.txt", "hi");
     struct utimbuf t {kFeb3, kFeb3};
