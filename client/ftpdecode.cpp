@@ -116,13 +116,6 @@ int ftp_decode(const char* bf, std::string& fname, std::string& xdate, long long
     return 1;
 }
 
-std::string ftp_portstr(const char* ip, int port) {
-    std::string s = strfmt("%.20s,%d,%d", ip, port / 256, port % 256);
-    for (char& c : s)
-        if (c == '.') c = ',';
-    return s;
-}
-
 void ftp_lib_path_split(const char* in, std::string& path, std::string& fname) {
     std::string s = in != nullptr ? in : "";
     size_t slash = s.find_last_of("/\\");

@@ -134,6 +134,15 @@ int setup_port_port(ftplink* l, const char* ip, int port, std::string& reason) {
     return 1;
 }
 
+// "h1,h2,h3,h4,p1,p2" of a PORT command. (The server's own PORT tools live in
+// its FTP layer; this client keeps its copy to itself.)
+std::string port_text(const char* ip, int port) {
+    std::string s = strfmt("%.20s,%d,%d", ip, port / 256, port % 256);
+    for (char& c : s)
+        if (c == '.') c = ',';
+    return s;
+}
+
 int send_port_cmd(ftplink* l, std::string& reason) {
     char ip[64] = {};
     unsigned short port = 0;
@@ -141,7 +150,7 @@ int send_port_cmd(ftplink* l, std::string& reason) {
         reason = strfmt("can't get tcp info: %s", chan_error(l->listen.get()).c_str());
         return 0;
     }
-    if (send_line(l, strfmt("PORT %.500s\r\n", ftp_portstr(ip, port).c_str())) < 0) {
+    if (send_line(l, strfmt("PORT %.500s\r\n", port_text(ip, port).c_str())) < 0) {
         reason = "cannot write to command channel";
         return 0;
     }

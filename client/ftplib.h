@@ -122,7 +122,6 @@ int ftp_decode(const char* bf, std::string& fname, std::string& xdate, long long
 int ftp_decode_full(const char* bf, std::string& fname, std::string& xdate, long long* sz, int* isdir, int* islink);
 
 // Small tools.
-std::string ftp_portstr(const char* ip, int port);
 void ftp_lib_path_split(const char* in, std::string& path, std::string& fname);
 std::string ftp_cvt_crlf_lf(std::string_view in);
 std::string ftp_cvt_lf_crlf(std::string_view in);

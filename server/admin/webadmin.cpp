@@ -31,6 +31,8 @@ const WEB_CB_MAPPINGS default_mappings[] = {
     {"top.htm", "", mgr_cb_domains},
     {"status.htm", "", mgr_cb_domains},
     {"user.htm", "", mgr_cb_domains},
+    {"mirror.htm", "", mgr_cb_mirrors},
+    {"mirrors.htm", "", mgr_cb_mirrors},
     {nullptr, nullptr, nullptr},
 };
 
@@ -82,7 +84,6 @@ int show_top(WINK* w) { return mgr_cmd_domain(w); }
 int show_status(WINK* w) { return mgr_cmd_status(w); }
 
 int notyet_settings(WINK* w) { return mgr_notyet(w, "The settings pages"); }
-int notyet_mirrors(WINK* w) { return mgr_notyet(w, "Mirroring"); }
 int notyet_reports(WINK* w) { return mgr_notyet(w, "Emailed reports"); }
 int notyet_help(WINK* w) { return mgr_notyet(w, "The manual"); }
 int notyet_dump(WINK* w) { return mgr_notyet(w, "The settings dump"); }
@@ -99,9 +100,9 @@ const GetRoute kGetRoutes[] = {
     {"global", notyet_settings, "global_pressed"},
     {"class", notyet_settings, nullptr},
     {"class_add", notyet_settings, nullptr},
-    {"mirrors", notyet_mirrors, "mirrors_pressed"},
-    {"mirror", notyet_mirrors, "mirrors_pressed"},
-    {"mirror_add", notyet_mirrors, "mirrors_pressed"},
+    {"mirrors", mgr_cmd_mirrors, "mirrors_pressed"},
+    {"mirror", mgr_cmd_mirror_show, "mirrors_pressed"},
+    {"mirror_add", mgr_cmd_mirror_show, "mirrors_pressed"},
     {"graph", mgr_graph, "graph_pressed"},
     {"help", notyet_help, nullptr},
     {"log", mgr_cmd_log, "log_pressed"},
@@ -138,11 +139,11 @@ const PostRoute kPostRoutes[] = {
     {"cmd_domain_delete", notyet_settings, nullptr},
     {"cmd_domains", show_top, nullptr},
     {"cmd_ereport_delete", notyet_reports, "report_pressed"},
-    {"cmd_mirrors", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_save", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_log", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_retry", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_delete", notyet_mirrors, "mirrors_pressed"},
+    {"cmd_mirrors", mgr_cmd_mirrors, "mirrors_pressed"},
+    {"cmd_mirror_save", mgr_cmd_mirror_save, "mirrors_pressed"},
+    {"cmd_mirror_log", mgr_cmd_mirror_log, "mirrors_pressed"},
+    {"cmd_mirror_retry", mgr_cmd_mirror_retry, "mirrors_pressed"},
+    {"cmd_mirror_delete", mgr_cmd_mirror_delete, "mirrors_pressed"},
     {"cmd_status", show_status, "status_pressed"},
     {"cmd_dump", notyet_dump, nullptr},
     {"cmd_log", mgr_cmd_log, "log_pressed"},
@@ -393,6 +394,7 @@ void mgr_add_web_callbacks() {
     web_callback_add("do_log", mgr_log);
     web_callback_add("do_graph", mgr_do_graph);
     web_callback_add("do_user_list", mgr_do_user_list);
+    web_callback_add("do_mirror_log", mgr_do_mirror_log);
 }
 
 namespace {

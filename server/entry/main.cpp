@@ -1,6 +1,6 @@
 // The korvane program: installs what the upper layers give the process layer
 // (the admin connections' routine and the admin.dat writer of the web
-// administration), then everything happens in korv_main, except writing the
+// administration, the mirror thread's start and stop), then everything happens in korv_main, except writing the
 // built-in admin pages out, which needs no configuration.
 #include <cstdio>
 #include <cstring>
@@ -8,6 +8,7 @@
 #include "server/admin/webadmin.h"
 #include "server/admin/webfiles.h"
 #include "server/admin/webio.h"
+#include "server/mirror/mirror.h"
 #include "server/process/korv.h"
 #include "server/process/password.h"
 
@@ -22,5 +23,6 @@ int main(int argc, char** argv) {
     }
     korv::korv_set_admin_dat_writer(korv::admin_dat_write);
     korv::korv_set_admin_handler(korv::mgr_main);
+    korv::korv_set_background([] { korv::mirror_init(korv::kMirrorFile); }, korv::mirror_free_all);
     return korv::korv_main(argc, argv);
 }

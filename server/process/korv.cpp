@@ -52,6 +52,8 @@ std::atomic<int> mgrsslport{9021};
 std::atomic<int> cpu_msec{0};
 std::atomic<const char*> main_status{"Starting"};
 std::atomic<AccountFn> admin_handler{nullptr};
+std::atomic<KorvHookFn> background_start{nullptr};
+std::atomic<KorvHookFn> background_stop{nullptr};
 
 // A wake-up pipe for each accept loop, in its wait list beside the listeners.
 struct WakePipe {
@@ -211,6 +213,11 @@ void korv_wake_loops() {
 int korv_is_ftp_active() { return ftp_port_active.load(); }
 
 void korv_set_admin_handler(AccountFn fn) { admin_handler.store(fn); }
+
+void korv_set_background(KorvHookFn start, KorvHookFn stop) {
+    background_start.store(start);
+    background_stop.store(stop);
+}
 
 size_t korv_admin_stack_bytes() {
     size_t session = th_get_stack_size();
@@ -585,6 +592,8 @@ int run_once(const char* start_word, process_data* children, int& leave) {
         user_set_strip("");
     }
 
+    if (KorvHookFn fn = background_start.load()) fn();
+
     int started_up_self_loop_checking = 0;
     restart_ftp_now.store(0);
     do {
@@ -607,6 +616,7 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     user_shutdown();
     imsg("korvane closing files & any connections etc...\n");
     if (!unsafe) day_free();
+    if (KorvHookFn fn = background_stop.load(); fn != nullptr && !unsafe) fn();
     pass_fail_free();
     if (!unsafe) plog_flush_all();
     if (!unsafe) remove_user_daily_quota();

@@ -43,6 +43,11 @@ using SessionFn = int (*)(LINK* l);
 // program's entry installs it: the admin layer sits above this one. Without
 // one, admin connections get a one-line refusal.
 void korv_set_admin_handler(AccountFn fn);
+// Background work of the upper layers (the mirror thread): started once the
+// settings and TLS are ready, at each start and internal restart, and
+// stopped at the teardown. The program's entry installs them.
+using KorvHookFn = void (*)();
+void korv_set_background(KorvHookFn start, KorvHookFn stop);
 inline constexpr size_t kAdminStackBytes = 4 * 1024 * 1024;  // the page engine nests includes
 // The admin threads' stack: kAdminStackBytes, or more when the sessions' own
 // stacks were enlarged (sanitizer builds).
