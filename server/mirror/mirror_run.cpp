@@ -187,6 +187,10 @@ int mirror_update(MirrorRun& r, const std::string& start_path, std::string& reas
     std::vector<FINFO> list;
     for (const Wordlist* w = words.get(); w != nullptr; w = w->next.get()) {
         FINFO fi;
+        if (w->word.find('\0') != std::string::npos) {
+            mmsg(r.cfg.id, "Skipped a listing line holding a NUL\n");
+            continue;
+        }
         if (!mirror_decode(w->word.c_str(), fi.fname, fi.xdate, &fi.size, &fi.isdir, &fi.islink)) continue;
         if (fi.fname == "." || fi.fname == "..") continue;
         if (fi.islink) continue;  // neither fetched nor entered
