@@ -197,6 +197,12 @@ int peek_control(ftplink* l, std::string& status, bool& seen, std::string& reaso
     return 1;
 }
 
+// True when the data connection's wait ended on a refusal read from the
+// control channel: that reply is already in the reason.
+bool refused_on_control(const std::string& reason) {
+    return reason.rfind("Bad response so aborting listen ", 0) == 0;
+}
+
 int data_tls(ftplink* l, std::string& reason, const char* okfmt) {
     if (!l->isssl) return 1;
     std::string why;
@@ -251,15 +257,45 @@ int open_pasv_port(ftplink* l, std::string& reason, std::string& status) {
     return 1;
 }
 
+// Waits in slices until the data channel has something to read, watching
+// hurry_exit and the control channel: a refusal there (a 550 for a file gone
+// since the listing) ends the wait at once instead of at the time limit.
+// 1 ready, 0 with the reason.
+int wait_data(ftplink* l, Chan* c, long long sofar, std::string& reason) {
+    int waited = 0;
+    for (;;) {
+        if (l->hurry_exit.exchange(0)) {
+            reason = "Connection Aborting";
+            return 0;
+        }
+        if (c->tcp->Ssl || tcp_need_read_attention(c, kSliceMs)) return 1;
+        if (l->held_reply.empty() && l->cmd &&
+            (l->cmd->bfbytes > 0 || tcp_need_read_attention(l->cmd.get(), 0))) {
+            std::string line, err;
+            if (read_reply_line(l->cmd.get(), line, 0, err)) {
+                const int code = atoi(line.c_str());
+                if (code >= 400) {
+                    reason = strfmt("Bad response (%.500s) while waiting for data", line.c_str());
+                    return 0;
+                }
+                if (code >= 200) l->held_reply = line;
+            }
+        }
+        waited += kSliceMs;
+        if (waited >= l->tout) {
+            dbg("Connection severed %lld bytes read, err = timeout\n", sofar);
+            reason = strfmt("Connection Lost, %lld bytes read. err = %s.", sofar, "no data within the time limit");
+            return 0;
+        }
+    }
+}
+
 // A timed read of the data channel in slices, so that hurry_exit is seen:
 // bytes, 0 at the end, -1 with the reason.
 int data_read(ftplink* l, Chan* c, char* bf, int len, long long sofar, std::string& reason) {
     int waited = 0;
     for (;;) {
-        if (l->hurry_exit.exchange(0)) {
-            reason = "Connection Aborting";
-            return -1;
-        }
+        if (!wait_data(l, c, sofar, reason)) return -1;
         int n = tcp_read_timed(c, bf, len, kSliceMs);
         if (n >= 0) return n;
         const int code = c->tcp->ErrorCode;
@@ -527,6 +563,7 @@ int ftp_list_wordlist(ftplink* l, const char* /*fname*/, Chan* cdata, WordlistPt
 
 int ftp_link_list_wordlist(ftplink* l, const char* cmd, const char* rmtname, WordlistPtr& w, std::string& reason) {
     std::string status;
+    l->held_reply.clear();
     int sent = rmtname != nullptr && *rmtname ? ftp_printf(l, "%.500s %.300s\r\n", cmd, rmtname)
                                               : ftp_printf(l, "%.500s\r\n", cmd);
     int ok = 0;
@@ -535,6 +572,8 @@ int ftp_link_list_wordlist(ftplink* l, const char* cmd, const char* rmtname, Wor
     } else if (ftp_initiate_data_port(l, reason, status)) {
         ok = ftp_list_wordlist(l, rmtname, l->data.get(), w, reason);
         ftp_release_port(l);
+        if (status.empty()) status.swap(l->held_reply);
+        l->held_reply.clear();
         std::string why;
         if (!response_wait(l->cmd.get(), 226, 299, 0, nullptr, why, status, kChanLineWaitMs)) {
             if (ok) reason = why;
@@ -544,8 +583,10 @@ int ftp_link_list_wordlist(ftplink* l, const char* cmd, const char* rmtname, Wor
         ftp_release_port(l);
         dbg("data connection failed, waiting on server response... %s\n", reason.c_str());
         std::string why;
-        response_wait(l->cmd.get(), 226, 299, 0, nullptr, why, status, kAbortReplyMs);
-        if (why == "No response from server") ftp_do_abort(l);
+        if (!refused_on_control(reason)) {
+            response_wait(l->cmd.get(), 226, 299, 0, nullptr, why, status, kAbortReplyMs);
+            if (why == "No response from server") ftp_do_abort(l);
+        }
     }
     if (!ok) {
         word_free(w);
@@ -601,6 +642,7 @@ int ftp_get_block(ftplink* l, FILE* f, Chan* cdata, int isblock, std::string& re
         int n = 0;
         int more = 1;
         if (isblock) {
+            if (!wait_data(l, cdata, *sz, reason)) return 0;
             n = ftp_read_block(cdata, bf.data(), static_cast<int>(bf.size()), &more, reason);
         } else {
             n = data_read(l, cdata, bf.data(), static_cast<int>(bf.size()), *sz, reason);
@@ -680,9 +722,10 @@ int ftp_get_link(ftplink* l, const char* rmtname, const char* lclname, long long
     if (!ftp_initiate_data_port(l, reason, status)) {
         std::string first = reason;
         ftp_release_port(l);
-        // The remote's own word on it, when it has one, says more.
+        // The remote's own word on it, unless it was that word that ended the wait.
         std::string reply;
-        if (!response_wait(l->cmd.get(), 226, 299, 0, nullptr, reply, status, kAbortReplyMs) && !reply.empty())
+        if (!refused_on_control(first) &&
+            !response_wait(l->cmd.get(), 226, 299, 0, nullptr, reply, status, kAbortReplyMs) && !reply.empty())
             first += " (" + reply + ")";
         return fail(strfmt("can't reset port: %s", first.c_str()));
     }
@@ -694,6 +737,7 @@ int ftp_get_link(ftplink* l, const char* rmtname, const char* lclname, long long
         return fail(strfmt("cant open local file %.500s", strerror(errno)));
     }
     l->aborted_transfer = 0;
+    l->held_reply.clear();
     long long sz = 0;
     int ok = ftp_get_block(l, f, l->data.get(), l->isblock, reason, &sz);
     l->bytes_in = sz;
@@ -706,6 +750,8 @@ int ftp_get_link(ftplink* l, const char* rmtname, const char* lclname, long long
     }
     dbg("Stored (%.500s) successfully %lld bytes\n", lclname, sz);
     ftp_release_port(l);
+    if (status.empty()) status.swap(l->held_reply);
+    l->held_reply.clear();
     if (!response_wait(l->cmd.get(), 226, 299, 0, nullptr, reason, status, kChanLineWaitMs)) return fail(reason);
     if (l->fn != nullptr) l->fn("done_ok", sz, l->fntag);
     return 1;

@@ -51,6 +51,9 @@ struct ftplink {
     long long max_bytes = 0;
     int list_max = kFtpListMaxDefault;
     std::string ca_file;
+    // A final reply that came on the control channel while data was awaited
+    // (a 226 read early); the reply reading after the transfer takes it first.
+    std::string held_reply;
 };
 using FtpLink = ftplink;
 

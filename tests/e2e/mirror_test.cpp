@@ -16,7 +16,9 @@
 
 #include "common/emsg.h"
 #include "common/mutex.h"
+#include "client/ftplib.h"
 #include "server/mirror/mirror.h"
+#include "tests/support/chanpair.h"
 #include "tests/support/certs.h"
 #include "tests/support/korv_server.h"
 #include "tests/support/texts.h"
@@ -243,6 +245,86 @@ TEST_F(MirrorE2E, ExplicitTlsChecksTheCertificate) {
     job.m->remote_host = "127.0.0.1:" + std::to_string(r.ftp_port());
     EXPECT_EQ(job.run(), 0);
     EXPECT_NE(job.last().find("address mismatch"), std::string::npos) << job.last();
+}
+
+// The client alone: block and stream mode, ASCII, active and passive, the
+// working directory, a missing file, and the block framing both ways.
+TEST_F(MirrorE2E, ClientModes) {
+    Remote r;
+    const std::string bin = bytes_of(200000, 3);
+    r.put("c/data.bin", bin);
+    r.put("c/text.txt", "one\r\ntwo\r\n");
+    ASSERT_TRUE(r.start());
+    const std::string host = "127.0.0.1:" + std::to_string(r.ftp_port());
+    const struct {
+        int isblock, passive, ascii;
+        const char* file;
+        std::string want;
+    } cases[] = {
+        {0, 0, 0, "/c/data.bin", bin},
+        {1, 0, 0, "/c/data.bin", bin},
+        {0, 1, 0, "/c/data.bin", bin},
+        {1, 1, 0, "/c/data.bin", bin},
+        {0, 1, 1, "/c/text.txt", "one\ntwo\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "block " << c.isblock << " passive " << c.passive << " ascii " << c.ascii);
+        ftplink* raw = nullptr;
+        std::string reason;
+        int ok = ftp_link_build(&raw, host.c_str(), "anonymous", "me@example.org", reason);
+        std::unique_ptr<ftplink, FtpLinkFree> l(raw);
+        ASSERT_EQ(ok, 1) << reason;
+        l->isblock = c.isblock;
+        l->passive = c.passive;
+        l->xisascii = c.ascii;
+        const std::string out = home.file("client.out");
+        ASSERT_EQ(ftp_get_link(l.get(), c.file, out.c_str(), 0, reason), 1) << reason;
+        EXPECT_EQ(slurp(out), c.want);
+        std::string pwd;
+        EXPECT_EQ(ftp_getpwd(l.get(), pwd, reason), 1) << reason;
+        EXPECT_EQ(pwd, "/");
+        EXPECT_EQ(ftp_get_link(l.get(), "/c/missing", out.c_str(), 0, reason), 0);
+        EXPECT_NE(reason.find("550"), std::string::npos) << reason;
+    }
+
+    // Resumed from an offset: the rest is appended.
+    ftplink* raw = nullptr;
+    std::string reason;
+    ASSERT_EQ(ftp_link_build(&raw, host.c_str(), "anonymous", "me@example.org", reason), 1) << reason;
+    std::unique_ptr<ftplink, FtpLinkFree> l(raw);
+    const std::string out = home.file("resume.out");
+    std::ofstream(out, std::ios::binary) << bin.substr(0, 1000);
+    ASSERT_EQ(ftp_get_link(l.get(), "/c/data.bin", out.c_str(), 1000, reason), 1) << reason;
+    EXPECT_EQ(slurp(out), bin);
+}
+
+TEST(MirrorBlocks, WriteAndReadBack) {
+    ChanPtr a, b;
+    ASSERT_TRUE(make_chan_pair(a, b));
+    const std::string one(65535, 'x');
+    ASSERT_EQ(ftp_write_block(a.get(), one.data(), static_cast<int>(one.size()), 0), 1);
+    ASSERT_EQ(ftp_write_block(a.get(), "tail", 4, 1), 1);
+    EXPECT_EQ(ftp_write_block(a.get(), one.data(), 70000, 0), 0) << "a block holds at most 65535 bytes";
+    std::string bf(kFtpBlockBuffer, '\0');
+    int more = -1;
+    std::string reason;
+    ASSERT_EQ(ftp_read_block(b.get(), bf.data(), kFtpBlockBuffer, &more, reason), 65535) << reason;
+    EXPECT_EQ(more, 1);
+    EXPECT_EQ(bf.substr(0, 65535), one);
+    ASSERT_EQ(ftp_read_block(b.get(), bf.data(), kFtpBlockBuffer, &more, reason), 4) << reason;
+    EXPECT_EQ(more, 0);
+    EXPECT_EQ(bf.substr(0, 4), "tail");
+    // A block larger than the reader's buffer, then a header cut by the close.
+    ASSERT_EQ(ftp_write_block(a.get(), one.data(), 100, 0), 1);
+    EXPECT_EQ(ftp_read_block(b.get(), bf.data(), 50, &more, reason), -1);
+    EXPECT_EQ(reason, "Buffer not big enough 50/100 wanted");
+    const char two[2] = {0, 0};
+    tcp_write(a.get(), two, 2);
+    a.reset();
+    char scratch[200];
+    tcp_read_timed(b.get(), scratch, 100, 1000);  // the 100 bytes of the refused block
+    EXPECT_EQ(ftp_read_block(b.get(), bf.data(), kFtpBlockBuffer, &more, reason), -1);
+    EXPECT_EQ(reason, "Part of header receieved 2/3 bytes");
 }
 
 }  // namespace
