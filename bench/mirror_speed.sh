@@ -79,7 +79,7 @@ for i in $(seq "$FILES"); do head -c $((FILE_KIB * 1024)) /dev/urandom >"$REMOTE
     >"$REMOTE/pub/big/big.bin"
 start "$REMOTE" "$RPORT"
 
-# The mirroring server: two jobs, the small files first (the thread runs them in file order).
+# The mirroring server: two jobs, run one after the other by its mirror thread.
 cat >"$LOCAL/mirrors.dat" <<DAT
 2|127.0.0.1:$RPORT|/big|*|$WORK/ftp-korvane/big|FALSE|FALSE|600|anonymous|bench@|FALSE|FALSE
 1|127.0.0.1:$RPORT|/small|*|$WORK/ftp-korvane/small|FALSE|FALSE|600|anonymous|bench@|FALSE|FALSE
@@ -87,12 +87,13 @@ DAT
 chmod 600 "$LOCAL/mirrors.dat"
 sync
 start "$LOCAL" "$LPORT"
+done_both() { grep -q Successful "$LOCAL/mirror_1.log" 2>/dev/null && grep -q Successful "$LOCAL/mirror_2.log" 2>/dev/null; }
 for i in $(seq 1200); do
-    grep -q Successful "$LOCAL/mirror_2.log" 2>/dev/null && break
+    done_both && break
     grep -q "Update failed" "$LOCAL/mirror_1.log" "$LOCAL/mirror_2.log" 2>/dev/null && die "a job failed: $(cat "$LOCAL"/mirror_*.log | tail -3)"
     sleep 0.5
 done
-grep -q Successful "$LOCAL/mirror_2.log" || die "the jobs did not finish in 10 minutes"
+done_both || die "the jobs did not finish in 10 minutes"
 K_SMALL=$(span "$LOCAL/mirror_1.log")
 K_BIG=$(span "$LOCAL/mirror_2.log")
 cmp -s "$REMOTE/pub/big/big.bin" "$WORK/ftp-korvane/big/big.bin" || die "the big file differs"

@@ -295,9 +295,14 @@ int wait_data(ftplink* l, Chan* c, long long sofar, std::string& reason) {
 int data_read(ftplink* l, Chan* c, char* bf, int len, long long sofar, std::string& reason) {
     int waited = 0;
     for (;;) {
-        if (!wait_data(l, c, sofar, reason)) return -1;
-        int n = tcp_read_timed(c, bf, len, kSliceMs);
+        // What is there is taken at once; only an empty channel is waited on.
+        int n = tcp_read_timed(c, bf, len, 0);
         if (n >= 0) return n;
+        if (ssltcp_is_blocking_code(c->tcp->ErrorCode)) {
+            if (!wait_data(l, c, sofar, reason)) return -1;
+            n = tcp_read_timed(c, bf, len, kSliceMs);
+            if (n >= 0) return n;
+        }
         const int code = c->tcp->ErrorCode;
         waited += kSliceMs;
         if (!ssltcp_is_blocking_code(code) || waited >= l->tout) {
@@ -636,7 +641,7 @@ int ftp_write_block(Chan* c, const char* bf, int len, int last) {
 }
 
 int ftp_get_block(ftplink* l, FILE* f, Chan* cdata, int isblock, std::string& reason, long long* sz) {
-    std::string bf(static_cast<size_t>(kFtpBlockBuffer), '\0');
+    std::string bf(static_cast<size_t>(isblock ? kFtpBlockBuffer : kFtpStreamBuffer), '\0');
     int blocks = 0;
     for (;;) {
         int n = 0;

@@ -16,7 +16,8 @@ namespace korv {
 inline constexpr int kFtpDefaultPort = 21;
 inline constexpr int kFtpDefaultToutMs = 120000;   // data read limit
 inline constexpr int kFtpReplyLineMax = 1000;      // each reply line and listing line
-inline constexpr int kFtpBlockBuffer = 66000;      // the receive buffer of one read or block
+inline constexpr int kFtpBlockBuffer = 66000;      // the receive buffer of one block
+inline constexpr int kFtpStreamBuffer = 262144;    // the receive buffer of one stream-mode read
 inline constexpr int kFtpNameMax = 200;            // a listed name is cut here
 inline constexpr int kFtpListenRounds = 60;        // active mode: one-second waits for the connect
 inline constexpr int kFtpPasvOpenMs = 10000;       // passive mode: the connect

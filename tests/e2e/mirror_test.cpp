@@ -2,8 +2,8 @@
 // hundred files copied byte for byte with the remote dates, nothing fetched
 // again when nothing changed, one changed file fetched again, remote deletions
 // trimmed (only under a path holding "ftp"), patterns, sub-directories kept
-// or flattened, a wrong password, and explicit TLS with the remote's
-// certificate checked against rootCA.pem.
+// or flattened, a wrong password, explicit TLS with the remote's certificate
+// checked against rootCA.pem, and the client's transfer modes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <utime.h>
@@ -145,22 +145,6 @@ TEST_F(MirrorE2E, TreeCopiedUpdatedAndTrimmed) {
     EXPECT_NE(log().find("remove this file? "), std::string::npos);
 }
 
-TEST_F(MirrorE2E, TrimNeedsFtpInThePath) {
-    Remote r;
-    r.put("tree/keep.txt", "keep");
-    ASSERT_TRUE(r.start());
-    const std::string lcl = home.file("copy");
-    fs::create_directories(lcl + "/tree");
-    std::ofstream(lcl + "/tree/local-only.txt") << "mine";
-    Job job(r, lcl);
-    job.m->trim = 1;
-    job.m->use_full_path = 1;
-    ASSERT_EQ(job.run(), 1) << job.last();
-    EXPECT_EQ(slurp(lcl + "/tree/keep.txt"), "keep");
-    EXPECT_TRUE(fs::exists(lcl + "/tree/local-only.txt"));
-    EXPECT_NE(log().find("Trim will only remove files that contain  'ftp' somewhere in the path"), std::string::npos);
-}
-
 TEST_F(MirrorE2E, PatternsAndSubdirectories) {
     Remote r;
     r.put("tree/a.txt", "a");
@@ -191,6 +175,19 @@ TEST_F(MirrorE2E, PatternsAndSubdirectories) {
     }
     EXPECT_EQ(slurp(full + "/tree/a.txt"), "a");
     EXPECT_FALSE(fs::exists(full + "/tree/sub"));
+
+    // Trim under a local path without "ftp" removes nothing and says why.
+    const std::string plain = home.file("copy");
+    fs::create_directories(plain);
+    std::ofstream(plain + "/local-only.txt") << "mine";
+    {
+        Job job(r, plain);
+        job.m->trim = 1;
+        ASSERT_EQ(job.run(), 1) << job.last();
+    }
+    EXPECT_EQ(slurp(plain + "/a.txt"), "a");
+    EXPECT_TRUE(fs::exists(plain + "/local-only.txt"));
+    EXPECT_NE(log().find("Trim will only remove files that contain  'ftp' somewhere in the path"), std::string::npos);
 }
 
 TEST_F(MirrorE2E, WrongPasswordAndNoServer) {

@@ -100,17 +100,5 @@ TEST(FtpDecode, PassiveReplies) {
     }
 }
 
-TEST(FtpDecode, LineEndConversions) {
-    EXPECT_EQ(ftp_cvt_crlf_lf("a\r\nb\r\n"), "a\nb\n");
-    EXPECT_EQ(ftp_cvt_lf_crlf("a\nb\r\nc"), "a\r\nb\r\nc");
-    std::string path, name;
-    ftp_lib_path_split("/pub/dir/file.txt", path, name);
-    EXPECT_EQ(path, "/pub/dir");
-    EXPECT_EQ(name, "file.txt");
-    ftp_lib_path_split("file.txt", path, name);
-    EXPECT_EQ(path, "");
-    EXPECT_EQ(name, "file.txt");
-}
-
 }  // namespace
 }  // namespace korv
