@@ -133,7 +133,7 @@ TEST(Admin, PagesHeadsFilesAndControl) {
         {"onoff", "The FTP ports are open."},
         {"user_admin", "<title>Korvane - Users</title>"},
         {"global", "is not part of the administration in this build yet"},
-        {"mirrors", "Mirroring is not part"},
+        {"mirrors", "<title>Korvane - Mirrors</title>"},
         {"report_file", "Emailed reports is not part"},
         {"no_such_page", "<title>Korvane - Domains</title>"},
         // Without -debug a diagnostic command is an ordinary page.
