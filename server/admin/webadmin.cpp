@@ -32,6 +32,8 @@ const WEB_CB_MAPPINGS default_mappings[] = {
     {"top.htm", "", mgr_cb_domains},
     {"status.htm", "", mgr_cb_domains},
     {"user.htm", "", mgr_cb_domains},
+    {"mirror.htm", "", mgr_cb_mirrors},
+    {"mirrors.htm", "", mgr_cb_mirrors},
     {nullptr, nullptr, nullptr},
 };
 
@@ -83,7 +85,6 @@ int show_top(WINK* w) { return mgr_cmd_domain(w); }
 int show_tree(WINK* w) { return mgr_show(w, "top.htm"); }
 int show_status(WINK* w) { return mgr_cmd_status(w); }
 
-int notyet_mirrors(WINK* w) { return mgr_notyet(w, "Mirroring"); }
 int show_help(WINK* w) { return my_web_show_help(w, "/korvane/manual/index.htm"); }
 
 struct GetRoute {
@@ -98,9 +99,9 @@ const GetRoute kGetRoutes[] = {
     {"global", mgr_cmd_global, "global_pressed"},
     {"class", mgr_cmd_class, nullptr},
     {"class_add", mgr_cmd_class, nullptr},
-    {"mirrors", notyet_mirrors, "mirrors_pressed"},
-    {"mirror", notyet_mirrors, "mirrors_pressed"},
-    {"mirror_add", notyet_mirrors, "mirrors_pressed"},
+    {"mirrors", mgr_cmd_mirrors, "mirrors_pressed"},
+    {"mirror", mgr_cmd_mirror_show, "mirrors_pressed"},
+    {"mirror_add", mgr_cmd_mirror_show, "mirrors_pressed"},
     {"graph", mgr_graph, "graph_pressed"},
     {"help", show_help, nullptr},
     {"log", mgr_cmd_log, "log_pressed"},
@@ -138,11 +139,11 @@ const PostRoute kPostRoutes[] = {
     {"cmd_domains", show_tree, nullptr},
     {"cmd_ereport_delete", mgr_cmd_report_remove, "report_pressed"},
     {"cmd_ereport_send", mgr_cmd_report_send, "report_pressed"},
-    {"cmd_mirrors", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_save", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_log", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_retry", notyet_mirrors, "mirrors_pressed"},
-    {"cmd_mirror_delete", notyet_mirrors, "mirrors_pressed"},
+    {"cmd_mirrors", mgr_cmd_mirrors, "mirrors_pressed"},
+    {"cmd_mirror_save", mgr_cmd_mirror_save, "mirrors_pressed"},
+    {"cmd_mirror_log", mgr_cmd_mirror_log, "mirrors_pressed"},
+    {"cmd_mirror_retry", mgr_cmd_mirror_retry, "mirrors_pressed"},
+    {"cmd_mirror_delete", mgr_cmd_mirror_delete, "mirrors_pressed"},
     {"cmd_status", show_status, "status_pressed"},
     {"cmd_dump", mgr_cmd_dump, nullptr},
     {"cmd_log", mgr_cmd_log, "log_pressed"},
@@ -401,6 +402,7 @@ void mgr_add_web_callbacks() {
     web_callback_add("do_email_report_list", mgr_do_email_report_list);
     web_callback_add("report_domain_options", mgr_do_report_domain_options);
     mgr_add_settings_callbacks();
+    web_callback_add("do_mirror_log", mgr_do_mirror_log);
 }
 
 namespace {

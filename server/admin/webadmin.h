@@ -119,6 +119,16 @@ std::string html_list_ereports();
 void mgr_do_email_report_list(WINK* w);
 void mgr_do_report_domain_options(WINK* w);
 
+// Mirror jobs: the list, the editor and its buttons, the job's log.
+int mgr_cb_mirrors(WINK* w, const std::string& unit, const WEB_CB_MAPPINGS* mappings, const char* filename);
+int mgr_cmd_mirrors(WINK* w);
+int mgr_cmd_mirror_show(WINK* w);
+int mgr_cmd_mirror_save(WINK* w);
+int mgr_cmd_mirror_log(WINK* w);
+int mgr_cmd_mirror_retry(WINK* w);
+int mgr_cmd_mirror_delete(WINK* w);
+void mgr_do_mirror_log(WINK* w);
+
 // The diagnostic commands: 1 if `cmd` is one (acted on only under -debug).
 int mgr_is_diag(std::string_view cmd);
 int mgr_cmd_diag(WINK* w, std::string_view cmd);

@@ -1,13 +1,15 @@
 // The korvane program: installs what the upper layers give the process layer
 // (the admin connections' routine and the admin.dat writer of the web
-// administration, the monitor), then everything happens in korv_main, except
-// writing the built-in admin pages out, which needs no configuration.
+// administration, the monitor, the background work of reports and mirrors), then
+// everything happens in korv_main, except writing the built-in admin pages out,
+// which needs no configuration.
 #include <cstdio>
 #include <cstring>
 
 #include "server/admin/webadmin.h"
 #include "server/admin/webfiles.h"
 #include "server/admin/webio.h"
+#include "server/mirror/mirror.h"
 #include "server/process/korv.h"
 #include "server/ftp/plog.h"
 #include "server/process/control.h"
@@ -53,7 +55,8 @@ int main(int argc, char** argv) {
     korv::korv_set_admin_dat_writer(korv::admin_dat_write);
     korv::korv_set_admin_handler(korv::mgr_main);
     korv::ereport_set_log_flush(korv::xlog_flush);
-    korv::korv_add_background([] { korv::ereport_init(korv::korv_home()); });
+    korv::korv_add_background([] { korv::ereport_init(korv::korv_home()); }, nullptr);
+    korv::korv_add_background([] { korv::mirror_init(korv::kMirrorFile); }, korv::mirror_free_all);
     korv::korv_set_monitor(run_monitor, detach_monitor);
     return korv::korv_main(argc, argv);
 }

@@ -217,10 +217,15 @@ int korv_is_ftp_active() { return ftp_port_active.load(); }
 void korv_set_admin_handler(AccountFn fn) { admin_handler.store(fn); }
 
 namespace {
-std::vector<KorvBackgroundFn> background;  // set before korv_main runs
+// Background work of the upper layers, installed before korv_main runs.
+struct Background {
+    KorvHookFn start;
+    KorvHookFn stop;
+};
+std::vector<Background> background;
 }  // namespace
 
-void korv_add_background(KorvBackgroundFn fn) { background.push_back(fn); }
+void korv_add_background(KorvHookFn start, KorvHookFn stop) { background.push_back({start, stop}); }
 
 size_t korv_admin_stack_bytes() {
     size_t session = th_get_stack_size();
@@ -641,7 +646,8 @@ int run_once(const char* start_word, process_data* children, int& leave) {
         user_set_strip("");
     }
 
-    for (KorvBackgroundFn fn : background) fn();
+    for (const Background& b : background)
+        if (b.start != nullptr) b.start();
 
     int started_up_self_loop_checking = 0;
     restart_ftp_now.store(0);
@@ -665,6 +671,9 @@ int run_once(const char* start_word, process_data* children, int& leave) {
     user_shutdown();
     imsg("korvane closing files & any connections etc...\n");
     if (!unsafe) day_free();
+    if (!unsafe)
+        for (const Background& b : background)
+            if (b.stop != nullptr) b.stop();
     pass_fail_free();
     if (!unsafe) plog_flush_all();
     if (!unsafe) remove_user_daily_quota();

@@ -48,11 +48,12 @@ inline constexpr size_t kAdminStackBytes = 4 * 1024 * 1024;  // the page engine 
 // stacks were enlarged (sanitizer builds).
 size_t korv_admin_stack_bytes();
 
-// Background work of the upper layers (the report thread), started at each
-// start and restart once the settings, the logs and the home are ready; the
-// threads end when exit_due_to_shutdown_now is set.
-using KorvBackgroundFn = void (*)();
-void korv_add_background(KorvBackgroundFn fn);
+// Background work of the upper layers (the report and mirror threads): each
+// `start` runs at every start and internal restart once the settings, the
+// logs, TLS and the home are ready; each `stop` (may be null) at the
+// teardown. The program's entry installs them before korv_main runs.
+using KorvHookFn = void (*)();
+void korv_add_background(KorvHookFn start, KorvHookFn stop);
 
 int korv_is_ftp_active();
 int korv_startftp(const char* reason);

@@ -377,6 +377,69 @@ class AdminInBrowser(unittest.TestCase):
         p.press("Delete the chosen report")
         self.assertIn("No mailed reports yet.", p.text())
 
+    def test_k_mirror_job_made_in_the_browser(self):
+        """A job made on the mirror pages copies a directory of this same
+        server into another directory; its log and the list show the run."""
+        src = SERVER.path("home/%s/src" % FTP_USER)
+        os.makedirs(src + "/sub", exist_ok=True)
+        files = {"a.txt": b"first file\n", "sub/b.bin": bytes(range(256)) * 40}
+        for name, data in files.items():
+            harness.plant(os.path.join(src, name), data)
+        os.chmod(src, 0o755)
+        os.chmod(src + "/sub", 0o755)
+        target = SERVER.path("ftp-copy")
+        p = self.person
+        p.open("cmd=mirrors")
+        self.assertReadable("mirrors")
+        p.go("Add a mirror")
+        self.assertReadable("new mirror")
+        for label, value in (("Host", "127.0.0.1:%d" % SERVER.ports["ftp"]), ("User", FTP_USER),
+                             ("Password", FTP_PASSWORD), ("Remote path", "/src"), ("Files", "*"),
+                             ("Local directory", target), ("Every (minutes)", "60")):
+            p.type(label, value)
+        for label, want in (("Use TLS", False), ("Descend into sub-directories", True),
+                            ("Keep the whole remote path below the local directory", False)):
+            box = p.field(label)
+            if box.is_selected() != want:
+                box.click()
+        p.shoot("mirror_form")
+        p.press("Save mirror")
+        text = self.assertReadable("mirror saved")
+        self.assertIn("Saved job", text)
+        self.assertNotIn(FTP_PASSWORD, p.driver.page_source, "the stored password stays out of the page")
+
+        def copied():
+            try:
+                return all(open(os.path.join(target, n), "rb").read() == d for n, d in files.items())
+            except OSError:
+                return False
+        self.assertTrue(wait_for(copied, 30), "the job did not copy the directory")
+        p.open("cmd=mirrors")
+        self.assertTrue(wait_for(lambda: (p.open("cmd=mirrors"), "Successful" in p.text())[1], 15), p.text())
+        self.assertIn("127.0.0.1:%d" % SERVER.ports["ftp"], p.text())
+        p.shoot("mirrors_list")
+
+        p.go("1")
+        p.press("Show log")
+        log = self.assertReadable("mirror log")
+        self.assertIn("Mirroring Remote File (/src/sub/b.bin)", log)
+        self.assertNotIn(FTP_PASSWORD, log)
+        p.shoot("mirror_log")
+
+        # A value mirrors.dat cannot hold is refused and nothing changes.
+        p.open("cmd=mirror&mid=1")
+        p.type("Files", "*|x")
+        p.press("Save mirror")
+        self.assertIn("nothing was written", p.text())
+        self.assertNotIn("*|x", open(SERVER.path("mirrors.dat")).read())
+        self.assertEqual(os.stat(SERVER.path("mirrors.dat")).st_mode & 0o777, 0o600)
+
+        p.open("cmd=mirror&mid=1")
+        p.press("Delete mirror")
+        self.assertIn("Mirrors", p.heading())
+        self.assertNotIn("127.0.0.1:%d" % SERVER.ports["ftp"], p.text())
+        self.assertEqual(open(SERVER.path("mirrors.dat")).read(), "")
+
     def test_i_no_password_no_page(self):
         """Without the password the browser gets the server's refusal, not a page."""
         stranger = Person(BROWSER[0], BROWSER[1], SERVER.admin_url(), "admin", "wrong-" + ADMIN_PASSWORD, SHOTS)

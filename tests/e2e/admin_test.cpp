@@ -134,7 +134,7 @@ TEST(Admin, PagesHeadsFilesAndControl) {
         {"user_admin", "<title>Korvane - Users</title>"},
         {"global", "<title>Korvane - Global settings</title>"},
         {"dump", "global_settings"},
-        {"mirrors", "Mirroring is not part"},
+        {"mirrors", "<title>Korvane - Mirrors</title>"},
         {"report_file", "<title>Korvane - Reports</title>"},
         {"no_such_page", "<title>Korvane - Domains</title>"},
         // Without -debug a diagnostic command is an ordinary page.

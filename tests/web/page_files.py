@@ -50,7 +50,7 @@ CLASS_SETTINGS = {"users", "name", "groups", "from", "passive_ipnumber", "passiv
                   "type_real", "type_anonymous"}
 PATH_ROW = {"dirid", "alias", "path", "read", "write", "nodel", "nolist", "nomkdir"}
 MIRROR = {"mid", "remote_host", "remote_path", "files", "lcl", "subdir", "trim", "xdelay", "user", "pass",
-          "use_full_path", "mirror_ssl", "last_error", "last_run"}
+          "use_full_path", "mirror_ssl", "last_error", "last_run", "next_run", "mirror_message", "mirror_error"}
 REPORT_FORM = {"email", "frequency", "domain", "filter", "when_hr", "when_min", "ul", "dl", "top10", "full_list",
                "problems", "size", "single"}
 
@@ -91,7 +91,7 @@ FORM_FIELDS = {
     "global.htm": GLOBAL_SETTINGS,
     "domain.htm": DOMAIN_FIELDS | {"choose_domain"},
     "class.htm": CLASS_SETTINGS | {"class_name"},
-    "mirror.htm": MIRROR - {"last_error", "last_run"},
+    "mirror.htm": MIRROR - {"last_error", "last_run", "next_run", "mirror_message", "mirror_error"},
     "report.htm": REPORT_FORM,
 }
 ROW_FIELD = re.compile(r"^(alias|path|read|write|nodel|nolist|nomkdir|group|groupalias|grouppath|groupread|"
