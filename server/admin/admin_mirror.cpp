@@ -63,7 +63,7 @@ std::string form_job(const WINK* w, MIRROR& m) {
     const char* texts[] = {"remote_host", "remote_path", "files", "lcl", "user", "pass", "xdelay"};
     for (const char* f : texts) {
         const std::string v = web_input(w, f);
-        if (!admin_value_ok(v) || v.find('|') != std::string::npos)
+        if (!web_value_safe(v) || v.find('|') != std::string::npos)
             return strfmt("The field %s holds a bar, a double quote, a line end or a NUL; nothing was written.", f);
         if (v.size() > static_cast<size_t>(kMirrorFieldMax))
             return strfmt("The field %s is longer than %d characters; nothing was written.", f, kMirrorFieldMax);
@@ -163,7 +163,7 @@ void mgr_do_mirror_log(WINK* w) {
         h += "</pre>\n";
     }
     strfmt_append(h, "<p><a href=\"%s?cmd=mirror&amp;mid=%d\">Back to job %d</a></p>\n", kAdminCgi, mid, mid);
-    tcp_write(w->c, h.data(), static_cast<int>(h.size()));
+    web_out(w, h);
 }
 
 }  // namespace korv
