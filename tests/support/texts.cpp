@@ -22,4 +22,16 @@ std::string slurp(const std::string& path) {
     return ss.str();
 }
 
+time_t local_time(int year, int mon, int day, int h, int m, int s) {
+    tm t{};
+    t.tm_year = year - 1900;
+    t.tm_mon = mon - 1;
+    t.tm_mday = day;
+    t.tm_hour = h;
+    t.tm_min = m;
+    t.tm_sec = s;
+    t.tm_isdst = -1;
+    return mktime(&t);
+}
+
 }  // namespace korv::test

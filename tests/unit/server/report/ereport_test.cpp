@@ -22,17 +22,7 @@
 namespace korv {
 namespace {
 
-time_t local_time(int year, int mon, int day, int h, int m, int s) {
-    tm t{};
-    t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = h;
-    t.tm_min = m;
-    t.tm_sec = s;
-    t.tm_isdst = -1;
-    return mktime(&t);
-}
+using test::local_time;
 
 using Form = std::map<std::string, std::string>;
 

@@ -23,17 +23,7 @@
 namespace korv {
 namespace {
 
-time_t local_time(int year, int mon, int day, int h, int m, int s) {
-    tm t{};
-    t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = h;
-    t.tm_min = m;
-    t.tm_sec = s;
-    t.tm_isdst = -1;
-    return mktime(&t);
-}
+using test::local_time;
 
 // A line as the server writes it: the ctime stamp, then the fields.
 std::string xfer_line(time_t t, int secs, long long size, const std::string& name, char dir, char status,
