@@ -20,6 +20,7 @@ inline constexpr int kMirrorLineMax = 998;       // a line of mirrors.dat is rea
 inline constexpr int kMirrorFieldsMin = 10;      // fewer fields make no job
 inline constexpr int kMirrorFieldsMax = 90;      // fields a line is split into at most
 inline constexpr int kMirrorCycleMs = 5000;      // the thread looks for due jobs this often
+inline constexpr int kMirrorStopSliceMs = 100;   // how soon a stopping server sees the thread leave
 inline constexpr int kMirrorNameMax = 255;       // a longer remote name is skipped
 inline constexpr int kMirrorDepthMax = 40;       // directory levels a job descends
 inline constexpr long long kMirrorSlackBytes = 1 << 20;  // a file may grow this much past its listed size

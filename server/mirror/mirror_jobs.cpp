@@ -67,8 +67,12 @@ int mirror_thread(void* p) {
     auto stopping = [gen] { return exit_due_to_shutdown_now.load() != 0 || generation.load() != gen; };
     while (!stopping()) {
         mirror_idle();
+        // Nobody signals the server's shutdown to this thread, so the cycle's
+        // wait is taken in short slices: a stopping server never waits for it.
         std::unique_lock<std::mutex> g(wake_mu);
-        wake_cv.wait_for(g, std::chrono::milliseconds(kMirrorCycleMs), [&] { return wake_flag || stopping(); });
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kMirrorCycleMs);
+        while (!wake_flag && !stopping() && std::chrono::steady_clock::now() < until)
+            wake_cv.wait_for(g, std::chrono::milliseconds(kMirrorStopSliceMs));
         wake_flag = false;
     }
     imsg("mirror: thread exiting\n");
