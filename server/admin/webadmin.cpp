@@ -248,11 +248,6 @@ void mgr_set_head_limit_ms(int ms) { head_limit_ms.store(ms); }
 
 int mgr_show(WINK* w, const char* fname) { return web_showfile_first(w, fname, default_mappings); }
 
-int mgr_notyet(WINK* w, const char* what) {
-    web_var_add(w, "notyet_what", what);
-    return mgr_show(w, "notyet.htm");
-}
-
 int admin_safe_file_name(std::string_view name) {
     // Decoded here as well: a name that only looks harmless while encoded
     // must not reach the file layer.

@@ -48,8 +48,6 @@ const char* admin_security_headers();
 
 // Renders a page of the web directory with the pages' list callbacks.
 int mgr_show(WINK* w, const char* fname);
-// The honest page of a part of the administration this build lacks.
-int mgr_notyet(WINK* w, const char* what);
 // A static file under /web/: `name` is the path after "/web/". Nothing is sent
 // for a name that could leave the web directory. 1 if sent.
 int my_web_show_file(WINK* w, const char* name, const char* dir);
