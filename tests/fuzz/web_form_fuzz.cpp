@@ -39,11 +39,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
               p->val.size() <= static_cast<size_t>(korv::kWebQueryValueMax) && p->var.size() + p->val.size() < ref.size());
     for (const korv::Pair* p = w->form.get(); p != nullptr; p = p->next.get())
         check(p->var.size() <= static_cast<size_t>(korv::kWebQueryNameMax) && p->var.size() + p->val.size() < body.size());
-    // Inputs read what the decoders kept: the form's value where the query
-    // has none of that name.
-    for (const korv::Pair* p = w->form.get(); p != nullptr; p = p->next.get())
-        if (*korv::pair_find(w->query.get(), p->var.c_str()) == 0)
-            check(korv::web_input(w.get(), p->var) == korv::pair_find(w->form.get(), p->var.c_str()));
+    // Inputs read what the decoders kept, whole (a decoded NUL included): the
+    // form's value where the query has none of that name.
+    auto find = [](const korv::Pair* p, const std::string& var) -> const std::string* {
+        for (; p != nullptr; p = p->next.get())
+            if (p->var == var) return &p->val;
+        return nullptr;
+    };
+    for (const korv::Pair* p = w->form.get(); p != nullptr; p = p->next.get()) {
+        const std::string* q = find(w->query.get(), p->var);
+        if (q == nullptr || q->empty()) check(korv::web_input(w.get(), p->var) == *find(w->form.get(), p->var));
+    }
     std::string bf = body;
     korv::web_unescape_url(bf.data(), static_cast<int>(bf.size()));
     check(std::char_traits<char>::length(bf.c_str()) <= body.size());
