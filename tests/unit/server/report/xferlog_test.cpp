@@ -164,8 +164,11 @@ TEST_F(XferTest, AHundredMegabyteLogIsReadInBoundedMemory) {
     const ReportStat& s = g.of(ReportKind::dl).at("/pub/file007.bin");
     EXPECT_EQ(s.count_ok, lines / 1000);
     EXPECT_EQ(s.bytes, (lines / 1000) * 1007);
-    // The peak grew by far less than the file's size.
+    // The peak grew by far less than the file's size. Not measured under the
+    // address sanitizer, whose quarantine keeps freed blocks resident.
+#if !defined(__SANITIZE_ADDRESS__)
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "kB";
+#endif
     unlink(path.c_str());
 }
 
